@@ -45,6 +45,11 @@ QV_API int QV_Invert(const unsigned char* Src, unsigned char* Dest, int Width, i
 
 /* ---- box mean ------------------------------------------------------------- */
 
+/* Mean of the (2 * Radius + 1)^2 window of every sample (Radius >= 1, limited
+ * to Width - 1 and Height - 1); rows repeat the edge, columns reflect without it.
+ * Src and Dest must be different buffers. */
+QV_API int QV_BoxBlur(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, int Radius);
+
 /* ---- exponential and Gaussian blur ---------------------------------------- */
 
 /* ---- median ---------------------------------------------------------------- */
