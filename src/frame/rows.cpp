@@ -161,10 +161,17 @@ uint16_t* SumPixelsU16x4(const uint16_t* Row, int Count, uint16_t* Sum) {
 }
 
 int32_t* SumPixelsI32x3(const int32_t* Row, int Count, int32_t* Sum) {
-  uint32_t s[3] = {0, 0, 0};
-  for (int i = 0; i < Count; ++i)
-    for (int c = 0; c < 3; ++c) s[c] += static_cast<uint32_t>(Row[3 * i + c]);
-  for (int c = 0; c < 3; ++c) Sum[c] = static_cast<int32_t>(s[c]);
+  // Four-lane loads straddle into the next pixel (lane 3 is dropped), so the
+  // last pixel, whose neighbour may not exist, is added alone.
+  __m128i a = _mm_setzero_si128();
+  for (int i = 0; i + 1 < Count; ++i) a = _mm_add_epi32(a, Load16Bytes(Row + 3 * i));
+  alignas(16) int32_t l[4];
+  _mm_store_si128(reinterpret_cast<__m128i*>(l), a);
+  for (int c = 0; c < 3; ++c) {
+    uint32_t s = static_cast<uint32_t>(l[c]);
+    if (Count > 0) s += static_cast<uint32_t>(Row[3 * (Count - 1) + c]);
+    Sum[c] = static_cast<int32_t>(s);
+  }
   return Sum;
 }
 
@@ -176,10 +183,12 @@ int32_t* SumPixelsI32x4(const int32_t* Row, int Count, int32_t* Sum) {
 }
 
 float* SumPixelsF32x3(const float* Row, int Count, float* Sum) {
-  float s[3] = {0.0f, 0.0f, 0.0f};
-  for (int i = 0; i < Count; ++i)
-    for (int c = 0; c < 3; ++c) s[c] += Row[3 * i + c];
-  for (int c = 0; c < 3; ++c) Sum[c] = s[c];
+  // As the integer form; each lane still adds its pixels in order.
+  __m128 a = _mm_setzero_ps();
+  for (int i = 0; i + 1 < Count; ++i) a = _mm_add_ps(a, _mm_loadu_ps(Row + 3 * i));
+  alignas(16) float l[4];
+  _mm_store_ps(l, a);
+  for (int c = 0; c < 3; ++c) Sum[c] = Count > 0 ? l[c] + Row[3 * (Count - 1) + c] : l[c];
   return Sum;
 }
 
