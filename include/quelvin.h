@@ -41,6 +41,13 @@ QV_API int QV_Invert(const unsigned char* Src, unsigned char* Dest, int Width, i
 
 /* ---- luminance, desaturation --------------------------------------------- */
 
+/* One luminance byte per pixel, (1867 b + 9617 g + 4900 r + 8192) >> 14; rows of
+ * Width bytes, or of ((Width * 8 + 31) / 32) * 4 bytes when RowPadded is set. */
+QV_API int QV_GetLuminance(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride,
+                           unsigned char RowPadded);
+/* Gray (max + min) / 2 in the three colour samples; 3 or 4 channels. */
+QV_API int QV_Desaturate(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride);
+
 /* ---- white balance -------------------------------------------------------- */
 
 /* ---- box mean ------------------------------------------------------------- */

@@ -31,6 +31,13 @@ constexpr ShuffleMask MergeMask3(int Lane, int Load) {
   return m;
 }
 
+// Output load `Load` repeats each of 16 per-pixel bytes over its three samples.
+constexpr ShuffleMask SpreadMask3(int Load) {
+  ShuffleMask m{};
+  for (int k = 0; k < 16; ++k) m.v[k] = static_cast<signed char>((16 * Load + k) / 3);
+  return m;
+}
+
 static inline __m128i LoadMask(const ShuffleMask& m) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(m.v)); }
 
 struct Planes3 {
