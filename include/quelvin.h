@@ -34,12 +34,41 @@ typedef enum QV_Status {
 /* ---- point operators ---------------------------------------------------- */
 
 QV_API int QV_Invert(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride);
+/* Gamma curve ((i * 0.003921569f) ^ Gamma) * 255, truncated, on the first three samples (3 or 4 channels). */
+QV_API int QV_GammaCorrection(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride,
+                              float Gamma);
+/* v > Threshold (clamped to 0..254) gives 255, else 0, every sample alike (1 or 3 channels). */
+QV_API int QV_Threshold(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride,
+                        int Threshold);
+/* Colour look-up through a 512 x 512 table of 3-byte pixels (786432 bytes), 3 or 4 channels. */
+QV_API int QV_Lut2D(const unsigned char* Src, const unsigned char* Table, unsigned char* Dest, int Width, int Height,
+                    int Stride);
+/* Saturating Src1 + Src2, Src1 - Src2, |Src1 - Src2|, and the linear-light blend of Src2 over Src1. */
+QV_API int QV_AddImage(const unsigned char* Src1, const unsigned char* Src2, unsigned char* Dest, int Width, int Height,
+                       int Stride);
+QV_API int QV_SubtractImage(const unsigned char* Src1, const unsigned char* Src2, unsigned char* Dest, int Width,
+                            int Height, int Stride);
+QV_API int QV_AbsDiffImage(const unsigned char* Src1, const unsigned char* Src2, unsigned char* Dest, int Width,
+                           int Height, int Stride);
+QV_API int QV_BlendTwoImage_LinearLight(const unsigned char* Src1, const unsigned char* Src2, unsigned char* Dest,
+                                        int Width, int Height, int Stride);
+/* Solarisation: samples above 127 become 255 - v. */
+QV_API int QV_Exposal(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride);
+/* Noise from rand() (not seeded here); Dest only, padding untouched. */
+QV_API int QV_WhiteNoise(unsigned char* Dest, int Width, int Height, int Stride);
 
 /* ---- brightness, contrast, vibrance -------------------------------------- */
 
 /* ---- histogram adjustments ----------------------------------------------- */
 
 /* ---- luminance, desaturation --------------------------------------------- */
+
+/* One luminance byte per pixel, (1867 b + 9617 g + 4900 r + 8192) >> 14; rows of
+ * Width bytes, or of ((Width * 8 + 31) / 32) * 4 bytes when RowPadded is set. */
+QV_API int QV_GetLuminance(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride,
+                           unsigned char RowPadded);
+/* Gray (max + min) / 2 in the three colour samples; 3 or 4 channels. */
+QV_API int QV_Desaturate(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride);
 
 /* ---- white balance -------------------------------------------------------- */
 
