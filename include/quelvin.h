@@ -37,6 +37,10 @@ QV_API int QV_Invert(const unsigned char* Src, unsigned char* Dest, int Width, i
 
 /* ---- brightness, contrast, vibrance -------------------------------------- */
 
+QV_API int QV_AdjustBrightnessAndContrast(const unsigned char* Src, unsigned char* Dest, int Width, int Height,
+                                          int Stride, int Brightness, int Contrast);
+QV_API int QV_Vibrance(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, int Amount);
+
 /* ---- histogram adjustments ----------------------------------------------- */
 
 QV_API int QV_AutoLevel(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, float Cutoff,
