@@ -73,28 +73,46 @@ void GrayHistogram(const unsigned char* Src, int Width, int Height, int Stride, 
   for (int y = 0; y < Height; ++y) {
     const unsigned char* s = Src + size_t(y) * Stride;
     int x = 0;
-    for (; x + 4 <= Width; x += 4) {
-      ++part[0][s[x]];
-      ++part[1][s[x + 1]];
-      ++part[2][s[x + 2]];
-      ++part[3][s[x + 3]];
+    for (; x + 8 <= Width; x += 8) {
+      uint64_t v;
+      std::memcpy(&v, s + x, 8);
+      ++part[0][v & 255];
+      ++part[1][(v >> 8) & 255];
+      ++part[2][(v >> 16) & 255];
+      ++part[3][(v >> 24) & 255];
+      ++part[0][(v >> 32) & 255];
+      ++part[1][(v >> 40) & 255];
+      ++part[2][(v >> 48) & 255];
+      ++part[3][v >> 56];
     }
     for (; x < Width; ++x) ++part[0][s[x]];
   }
   for (int i = 0; i < 256; ++i) Hist[i] = part[0][i] + part[1][i] + part[2][i] + part[3][i];
 }
 
-// Histograms of the first three samples of Width pixels of Step bytes a row.
+// Histograms of the first three samples of Width pixels of Step bytes a row;
+// even and odd pixels count into separate tables, as in GrayHistogram.
 void ColourHistograms(const unsigned char* Src, int Width, int Height, int Stride, int Step, int (*Hist)[256]) {
-  std::memset(Hist, 0, 3 * 256 * sizeof(int));
+  int part[2][3][256] = {};
   for (int y = 0; y < Height; ++y) {
     const unsigned char* s = Src + size_t(y) * Stride;
-    for (int x = 0; x < Width; ++x, s += Step) {
-      ++Hist[0][s[0]];
-      ++Hist[1][s[1]];
-      ++Hist[2][s[2]];
+    int x = 0;
+    for (; x + 2 <= Width; x += 2, s += 2 * Step) {
+      ++part[0][0][s[0]];
+      ++part[0][1][s[1]];
+      ++part[0][2][s[2]];
+      ++part[1][0][s[Step]];
+      ++part[1][1][s[Step + 1]];
+      ++part[1][2][s[Step + 2]];
+    }
+    if (x < Width) {
+      ++part[0][0][s[0]];
+      ++part[0][1][s[1]];
+      ++part[0][2][s[2]];
     }
   }
+  for (int c = 0; c < 3; ++c)
+    for (int i = 0; i < 256; ++i) Hist[c][i] = part[0][c][i] + part[1][c][i];
 }
 
 // Low: first bin from 0 where the running sum reaches Cut; High likewise from
@@ -150,8 +168,17 @@ void PowerCurve(int Low, int High, double Gamma, unsigned char* Curve) {
   }
 }
 
+// Table look-up over a run, four samples a step to spare loop overhead.
 void ApplyCurveRun(const unsigned char* Src, unsigned char* Dest, size_t Count, const unsigned char* Curve) {
-  for (size_t i = 0; i < Count; ++i) Dest[i] = Curve[Src[i]];
+  size_t i = 0;
+  for (; i + 4 <= Count; i += 4) {
+    const unsigned char a = Curve[Src[i]], b = Curve[Src[i + 1]], c = Curve[Src[i + 2]], d = Curve[Src[i + 3]];
+    Dest[i] = a;
+    Dest[i + 1] = b;
+    Dest[i + 2] = c;
+    Dest[i + 3] = d;
+  }
+  for (; i < Count; ++i) Dest[i] = Curve[Src[i]];
 }
 
 // Three curves on the first three samples of Width pixels of Step bytes a
@@ -200,32 +227,34 @@ void StretchRun(const unsigned char* Src, unsigned char* Dest, size_t Count, int
 
 // Per-channel stretch of 3 or 4-channel rows; a channel with High <= Low
 // passes unchanged, the fourth sample is copied.
-void StretchPixels(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, int Channel,
-                   const int* Low, const int* High) {
-  qv::DivideU16Lanes div[3];
-  __m128i low[3], keep[3];
+template <int Channel>
+void StretchPixels(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, const int* Low,
+                   const int* High) {
   bool pass[3];
-  for (int c = 0; c < 3; ++c) {
-    pass[c] = High[c] <= Low[c];
-    div[c] = qv::MakeDivideU16Lanes(pass[c] ? 1 : High[c] - Low[c]);
-    low[c] = _mm_set1_epi8(static_cast<char>(Low[c]));
-    keep[c] = pass[c] ? _mm_set1_epi8(-1) : _mm_setzero_si128();
-  }
+  for (int c = 0; c < 3; ++c) pass[c] = High[c] <= Low[c];
+  auto divider = [&](int c) { return qv::MakeDivideU16Lanes(pass[c] ? 1 : High[c] - Low[c]); };
+  auto low = [&](int c) { return _mm_set1_epi8(static_cast<char>(Low[c])); };
+  auto keep = [&](int c) { return pass[c] ? _mm_set1_epi8(-1) : _mm_setzero_si128(); };
+  const qv::DivideU16Lanes div0 = divider(0), div1 = divider(1), div2 = divider(2);
+  const __m128i low0 = low(0), low1 = low(1), low2 = low(2);
+  const __m128i keep0 = keep(0), keep1 = keep(1), keep2 = keep(2);
   const int block_end = Width & ~15;
   for (int y = 0; y < Height; ++y) {
     const unsigned char* s = Src + size_t(y) * Stride;
     unsigned char* d = Dest + size_t(y) * Stride;
     for (int x = 0; x < block_end; x += 16) {
-      __m128i p[4];
+      __m128i p0, p1, p2, p3;
       if (Channel == 3)
-        qv::SplitPixels3(s + 3 * x, p[0], p[1], p[2]);
+        qv::SplitPixels3(s + 3 * x, p0, p1, p2);
       else
-        qv::SplitPixels4(s + 4 * x, p[0], p[1], p[2], p[3]);
-      for (int c = 0; c < 3; ++c) p[c] = _mm_blendv_epi8(StretchBlock(p[c], low[c], div[c]), p[c], keep[c]);
+        qv::SplitPixels4(s + 4 * x, p0, p1, p2, p3);
+      p0 = _mm_blendv_epi8(StretchBlock(p0, low0, div0), p0, keep0);
+      p1 = _mm_blendv_epi8(StretchBlock(p1, low1, div1), p1, keep1);
+      p2 = _mm_blendv_epi8(StretchBlock(p2, low2, div2), p2, keep2);
       if (Channel == 3)
-        qv::MergePixels3(d + 3 * x, p[0], p[1], p[2]);
+        qv::MergePixels3(d + 3 * x, p0, p1, p2);
       else
-        qv::MergePixels4(d + 4 * x, p[0], p[1], p[2], p[3]);
+        qv::MergePixels4(d + 4 * x, p0, p1, p2, p3);
     }
     for (int x = block_end; x < Width; ++x) {
       const unsigned char* sp = s + x * Channel;
@@ -310,7 +339,10 @@ extern "C" QV_API int QV_AutoLevel(const unsigned char* Src, unsigned char* Dest
   int low[3], high[3];
   for (int c = 0; c < 3; ++c) HistogramLimits(hist[c], cut, &low[c], &high[c]);
   if (AdjustGamma == 0) {
-    StretchPixels(Src, Dest, Width, Height, Stride, Channel, low, high);
+    if (Channel == 3)
+      StretchPixels<3>(Src, Dest, Width, Height, Stride, low, high);
+    else
+      StretchPixels<4>(Src, Dest, Width, Height, Stride, low, high);
   } else {
     // A flat channel takes gamma 1 and becomes a step at Low, unlike the
     // linear mode, where it passes unchanged.
