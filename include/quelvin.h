@@ -59,7 +59,21 @@ QV_API int QV_WhiteNoise(unsigned char* Dest, int Width, int Height, int Stride)
 
 /* ---- brightness, contrast, vibrance -------------------------------------- */
 
+QV_API int QV_AdjustBrightnessAndContrast(const unsigned char* Src, unsigned char* Dest, int Width, int Height,
+                                          int Stride, int Brightness, int Contrast);
+QV_API int QV_Vibrance(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, int Amount);
+
 /* ---- histogram adjustments ----------------------------------------------- */
+
+QV_API int QV_AutoLevel(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, float Cutoff,
+                        unsigned char AdjustGamma);
+QV_API int QV_AutoContrast(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride,
+                           float Cutoff, unsigned char AdjustGamma);
+QV_API int QV_AutoEnhanceColors(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride);
+QV_API int QV_HistEqualize(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride,
+                           unsigned char Linear, int Strength);
+QV_API int QV_HistgramMatching(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride,
+                               const int* TargetB, const int* TargetG, const int* TargetR);
 
 /* ---- luminance, desaturation --------------------------------------------- */
 
