@@ -47,6 +47,10 @@ QV_API int QV_Invert(const unsigned char* Src, unsigned char* Dest, int Width, i
 
 /* ---- exponential and Gaussian blur ---------------------------------------- */
 
+/* One-pole recursive blur, both ways along rows then columns; 16-bit fixed
+ * point. Radius >= 1. Src may equal Dest. */
+QV_API int QV_ExpBlur(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, int Radius);
+
 /* ---- median ---------------------------------------------------------------- */
 
 /* ---- guided filters -------------------------------------------------------- */
