@@ -51,6 +51,9 @@ QV_API int QV_Invert(const unsigned char* Src, unsigned char* Dest, int Width, i
  * point. Radius >= 1. Src may equal Dest. */
 QV_API int QV_ExpBlur(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, int Radius);
 
+/* Recursive Gaussian blur, Radius is the sigma (> 0). Src may equal Dest. */
+QV_API int QV_GaussBlur(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, float Radius);
+
 /* ---- median ---------------------------------------------------------------- */
 
 /* ---- guided filters -------------------------------------------------------- */
