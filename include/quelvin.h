@@ -56,6 +56,12 @@ QV_API int QV_GaussBlur(const unsigned char* Src, unsigned char* Dest, int Width
 
 /* ---- median ---------------------------------------------------------------- */
 
+/* Rank filter: each sample becomes the Percent (0..100) percentile of its
+ * square window of side 2 * Radius + 1; 50 is the median. Src must not be
+ * Dest. */
+QV_API int QV_MedianBlur(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, int Radius,
+                         int Percent);
+
 /* ---- guided filters -------------------------------------------------------- */
 
 /* ---- global thresholds ----------------------------------------------------- */
