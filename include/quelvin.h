@@ -95,7 +95,20 @@ QV_API int QV_BoxBlur(const unsigned char* Src, unsigned char* Dest, int Width, 
 
 /* ---- exponential and Gaussian blur ---------------------------------------- */
 
+/* One-pole recursive blur, both ways along rows then columns; 16-bit fixed
+ * point. Radius >= 1. Src may equal Dest. */
+QV_API int QV_ExpBlur(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, int Radius);
+
+/* Recursive Gaussian blur, Radius is the sigma (> 0). Src may equal Dest. */
+QV_API int QV_GaussBlur(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, float Radius);
+
 /* ---- median ---------------------------------------------------------------- */
+
+/* Rank filter: each sample becomes the Percent (0..100) percentile of its
+ * square window of side 2 * Radius + 1; 50 is the median. Src must not be
+ * Dest. */
+QV_API int QV_MedianBlur(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, int Radius,
+                         int Percent);
 
 /* ---- guided filters -------------------------------------------------------- */
 
