@@ -116,7 +116,17 @@ QV_API int QV_MedianBlur(const unsigned char* Src, unsigned char* Dest, int Widt
 
 /* ---- gray morphology ------------------------------------------------------- */
 
+/* Square-window extrema at a cost independent of Radius; 1, 3 or 4 channels.
+ * The window is clipped at the image; Src may equal Dest. */
+QV_API int QV_MaxFilter(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, int Radius);
+QV_API int QV_MinFilter(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, int Radius);
+
 /* ---- copy, flip, rotate, transpose ----------------------------------------- */
+
+/* Dest(row r, column c) = Src(row c, column r) for DestHeight rows and
+ * DestWidth columns; SrcHeight is not read. Four-channel images must be packed. */
+QV_API int QV_Transpose(const unsigned char* Src, unsigned char* Dest, int SrcWidth, int SrcHeight, int SrcStride,
+                        int DestWidth, int DestHeight, int DestStride);
 
 /* ---- resample -------------------------------------------------------------- */
 
