@@ -13,13 +13,13 @@ extern "C" {
 #endif
 
 #if defined(_WIN32)
-#  if defined(QV_BUILDING_LIBRARY)
-#    define QV_API __declspec(dllexport)
-#  else
-#    define QV_API __declspec(dllimport)
-#  endif
+#if defined(QV_BUILDING_LIBRARY)
+#define QV_API __declspec(dllexport)
 #else
-#  define QV_API __attribute__((visibility("default")))
+#define QV_API __declspec(dllimport)
+#endif
+#else
+#define QV_API __attribute__((visibility("default")))
 #endif
 
 typedef enum QV_Status {
@@ -113,6 +113,17 @@ QV_API int QV_MedianBlur(const unsigned char* Src, unsigned char* Dest, int Widt
 /* ---- guided filters -------------------------------------------------------- */
 
 /* ---- global thresholds ----------------------------------------------------- */
+
+/* Single-channel only (Stride / Width must be 1; Width 0 is status 1). The
+ * threshold is written through ThresholdOut, which is not tested. */
+QV_API int QV_GetOSTUThreshold(const unsigned char* Src, int Width, int Height, int Stride, int* ThresholdOut);
+QV_API int QV_GetMaxEntropyThreshold(const unsigned char* Src, int Width, int Height, int Stride, int* ThresholdOut);
+QV_API int QV_GetIterativeBestThreshold(const unsigned char* Src, int Width, int Height, int Stride, int* ThresholdOut);
+QV_API int QV_GetMinimumThreshold(const unsigned char* Src, int Width, int Height, int Stride, int* ThresholdOut);
+QV_API int QV_GetHuangFuzzyThreshold(const unsigned char* Src, int Width, int Height, int Stride, int* ThresholdOut);
+QV_API int QV_GetTriangleThreshold(const unsigned char* Src, int Width, int Height, int Stride, int* ThresholdOut);
+QV_API int QV_GetSimpleStatisticsThreshold(const unsigned char* Src, int Width, int Height, int Stride,
+                                           int* ThresholdOut);
 
 /* ---- gray morphology ------------------------------------------------------- */
 
