@@ -90,7 +90,7 @@ TEST(FFTSizes, OptimalSizeIsNextEntry) {
   EXPECT_EQ(qv::OptimalFFTSize(2125764000), -1);  // "at least" the last entry
   EXPECT_EQ(qv::OptimalFFTSize(2125764001), -1);
   EXPECT_EQ(qv::OptimalFFTSize(2125763999), 2125764000);
-  // 3^15 is absent; the next entry is 2^10 * 3^2 * 5^5... whatever is next in the table.
+  // 3^15 is not an entry: it pads to a larger one.
   const int p315 = 14348907;
   const int next = qv::OptimalFFTSize(p315);
   EXPECT_GT(next, p315);
