@@ -307,7 +307,8 @@ int RunDemo(const std::string& outdir, const std::string& input) {
     s.params = op.demo;
     std::vector<Image> images(op.params.size());
     for (size_t k = 0; k < op.params.size(); ++k)
-      if (op.params[k].type == ParamType::Image) images[k] = ConvertChannels(second, src->Channel);
+      if (op.params[k].type == ParamType::Image && op.params[k].def == 0)
+        images[k] = ConvertChannels(second, src->Channel);
     const RunResult r = RunOperator(op, *src, pp.values, images);
     s.status = r.status;
     s.ms = r.ms;
@@ -315,7 +316,7 @@ int RunDemo(const std::string& outdir, const std::string& input) {
     std::printf("%-34s %-26s %9.3f ms  %s\n", op.name, StatusName(r.status), r.ms, r.result.c_str());
     if (r.status != 0) {
       ++failed;
-    } else if (op.output == Output::Image) {
+    } else if (op.output == Output::Image || r.illustrated) {
       s.file = std::string(op.name) + ".png";
       if (!WriteImage((dir / s.file).string(), r.dest, 95, &error))
         return std::fprintf(stderr, "quelvin: %s\n", error.c_str()), 3;
@@ -338,8 +339,8 @@ int RunDemo(const std::string& outdir, const std::string& input) {
   html << IndexPage(fs::path(sample).filename().string(), shots);
   if (!html) return std::fprintf(stderr, "quelvin: cannot write %s\n", (dir / "index.html").c_str()), 3;
 
-  std::printf("%zu operators, %d failed; wrote %s and %s\n", shots.size(), failed, (dir / "contact-sheet.png").c_str(),
-              (dir / "index.html").c_str());
+  std::printf("%zu operator%s, %d failed; wrote %s and %s\n", shots.size(), shots.size() == 1 ? "" : "s", failed,
+              (dir / "contact-sheet.png").c_str(), (dir / "index.html").c_str());
   return failed ? 1 : 0;
 }
 

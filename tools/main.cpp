@@ -53,7 +53,9 @@ void PrintOperator(const Operator& op) {
   std::printf("  %-32s channels %-6s %s%s\n", op.name, ChannelList(op.channels).c_str(), op.help,
               op.output == Output::Measure ? " (measures; no OUT)" : "");
   for (const Param& p : op.params) {
-    const std::string def = p.type == ParamType::Image ? "required" : "default " + ValueText(p, p.def);
+    const std::string def = p.type != ParamType::Image ? "default " + ValueText(p, p.def)
+                            : p.def != 0               ? "optional"
+                                                       : "required";
     std::printf("      %-18s %-5s %-14s %-14s %s\n", p.name, TypeName(p.type).c_str(), RangeText(p).c_str(),
                 def.c_str(), p.help);
   }
@@ -141,14 +143,17 @@ int Run(const Operator& op, const std::vector<std::string>& pos, int channels, i
   }
   std::vector<Image> images(op.params.size());
   for (size_t k = 0; k < op.params.size(); ++k) {
-    if (op.params[k].type != ParamType::Image) continue;
-    if (!ReadImage(pp.paths[k], src.Channel, &images[k], &error)) return Fail(kExitFile, error);
-    if (images[k].Width != src.Width || images[k].Height != src.Height)
+    if (op.params[k].type != ParamType::Image || !pp.given[k]) continue;
+    const int like_in = op.params[k].min == 0;
+    if (!ReadImage(pp.paths[k], like_in ? src.Channel : int(op.params[k].min), &images[k], &error))
+      return Fail(kExitFile, error);
+    if (like_in && (images[k].Width != src.Width || images[k].Height != src.Height))
       return Fail(kExitUsage, std::string(op.params[k].name) + " must be " + std::to_string(src.Width) + " x " +
                                   std::to_string(src.Height) + " like IN");
   }
 
   const RunResult r = RunOperator(op, src, pp.values, images, repeat);
+  if (!r.refusal.empty()) return Fail(kExitUsage, std::string(op.name) + ": " + r.refusal);
   std::printf("%s: %s (%d) in %.3f ms%s%s\n", op.name, StatusName(r.status), r.status, r.ms,
               repeat > 1 ? " (fastest of " : "", repeat > 1 ? (std::to_string(repeat) + ")").c_str() : "");
   if (r.status != 0) return kExitStatus;

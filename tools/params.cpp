@@ -151,7 +151,7 @@ bool ParseParams(const Operator& op, const std::vector<std::string>& args, Parse
     out->values[k] = v;
   }
   for (size_t k = 0; k < n; ++k)
-    if (need_images && op.params[k].type == ParamType::Image && !out->given[k]) {
+    if (need_images && op.params[k].type == ParamType::Image && op.params[k].def == 0 && !out->given[k]) {
       *error = std::string(op.name) + " needs a second image: " + op.params[k].name + "=FILE";
       return false;
     }

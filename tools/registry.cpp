@@ -127,13 +127,15 @@ RunResult RunOperator(const Operator& op, const Image& src, const std::vector<do
   RunResult r;
   for (int k = 0; k < (repeat < 1 ? 1 : repeat); ++k) {
     Image dest = src;
-    Call call{src, dest, op.params, values, images, {}};
+    Call call{src, dest, op.params, values, images, {}, false, {}};
     const auto t0 = std::chrono::steady_clock::now();
     const int status = op.run(call);
     const double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
     if (k == 0 || ms < r.ms) r.ms = ms;
     r.status = status;
     r.result = call.result;
+    r.illustrated = call.illustrated;
+    r.refusal = call.refusal;
     r.dest = std::move(dest);
     if (status != STATUS_OK) break;
   }

@@ -14,8 +14,9 @@ enum class ParamType { Int, Float, Bool, Image };
 struct Param {
   const char* name;  // the export's argument name; matched without regard to case
   ParamType type;
-  double min, max;  // inclusive; unused for Bool and Image
-  double def;       // unused for Image (the gallery supplies a second photograph)
+  double min, max;  // inclusive; for Image, min is the channel count to read it as
+                    // (0: IN's count, and it must have IN's size)
+  double def;       // for Image: 0 required (the gallery passes its second photograph), 1 optional
   const char* help;
 };
 
@@ -29,6 +30,8 @@ struct Call {
   const std::vector<double>& values;
   const std::vector<Image>& images;  // by parameter index; empty but for Image parameters
   std::string result;
+  bool illustrated = false;  // a measuring call that drew its result into dest for the gallery
+  std::string refusal;       // why the tool itself refused the call (see Refuse)
 
   int W() const { return src.Width; }
   int H() const { return src.Height; }
@@ -39,6 +42,14 @@ struct Call {
   float Float(const char* name) const;
   unsigned char Flag(const char* name) const;
   const Image& Img(const char* name) const;
+  bool Given(const char* name) const { return !Img(name).empty(); }
+  // Declines a call the library cannot be given (e.g. a table of the wrong
+  // size); the tool reports the reason as a usage error.
+  int Refuse(const std::string& why) {
+    refusal = why;
+    return kRefused;
+  }
+  static constexpr int kRefused = -1000;
 };
 
 enum class Output { Image, Measure };
@@ -70,6 +81,8 @@ struct RunResult {
   int status = 0;
   double ms = 0;
   std::string result;
+  bool illustrated = false;
+  std::string refusal;  // non-empty: status is Call::kRefused
   Image dest;
 };
 RunResult RunOperator(const Operator& op, const Image& src, const std::vector<double>& values,
