@@ -73,23 +73,31 @@ struct Bilinear {
   const uint16_t* wx;
 
   // Left pixels into the first half of Row, right pixels into the second.
-  void Fetch(const unsigned char* s, unsigned char* Row) const {
-    const int c = Channel;
+  template <int C>
+  void FetchC(const unsigned char* s, unsigned char* Row) const {
     unsigned char* left = Row;
-    unsigned char* right = Row + ptrdiff_t(c) * DestWidth;
+    unsigned char* right = Row + ptrdiff_t(C) * DestWidth;
     for (int x = 0; x < xFirst; ++x)
-      for (int k = 0; k < c; ++k) left[x * c + k] = right[x * c + k] = s[k];
+      for (int k = 0; k < C; ++k) left[x * C + k] = right[x * C + k] = s[k];
     int64_t px = px0 + xFirst * sx;
     for (int x = xFirst; x < xLast; ++x, px += sx) {
-      const ptrdiff_t i = static_cast<ptrdiff_t>(px >> 15) * c;
-      for (int k = 0; k < c; ++k) {
-        left[x * c + k] = s[i + k];
-        right[x * c + k] = s[i + c + k];
+      const unsigned char* p = s + static_cast<ptrdiff_t>(px >> 15) * C;
+      for (int k = 0; k < C; ++k) {
+        left[x * C + k] = p[k];
+        right[x * C + k] = p[C + k];
       }
     }
-    const unsigned char* end = s + ptrdiff_t(SrcWidth - 1) * c;
+    const unsigned char* end = s + ptrdiff_t(SrcWidth - 1) * C;
     for (int x = xLast; x < DestWidth; ++x)
-      for (int k = 0; k < c; ++k) left[x * c + k] = right[x * c + k] = end[k];
+      for (int k = 0; k < C; ++k) left[x * C + k] = right[x * C + k] = end[k];
+  }
+  void Fetch(const unsigned char* s, unsigned char* Row) const {
+    if (Channel == 1)
+      FetchC<1>(s, Row);
+    else if (Channel == 3)
+      FetchC<3>(s, Row);
+    else
+      FetchC<4>(s, Row);
   }
 
   // Two terms rounded each by itself; the block saturates their sum, the
