@@ -1,0 +1,27 @@
+# Inverting twice through files gives back the pixels (PNG is lossless), and
+# the tool's checksum sees the same samples: reading, channel order and
+# writing agree. -DEXE=tool -DIN=image -DDIR=scratch directory
+function(run)
+  execute_process(COMMAND ${EXE} ${ARGN} RESULT_VARIABLE code OUTPUT_VARIABLE out ERROR_VARIABLE err)
+  if(NOT code EQUAL 0)
+    message(FATAL_ERROR "quelvin ${ARGN}: exit ${code}\n${out}${err}")
+  endif()
+  set(out "${out}" PARENT_SCOPE)
+endfunction()
+function(checksum file var)
+  run(info ${file} ${ARGN})
+  string(REGEX MATCH "checksum: +([0-9a-f]+)" m "${out}")
+  set(${var} "${CMAKE_MATCH_1}" PARENT_SCOPE)
+endfunction()
+
+file(MAKE_DIRECTORY ${DIR})
+foreach(ch 1 3 4)
+  run(invert ${IN} ${DIR}/once_${ch}.png --channels=${ch})
+  run(invert ${DIR}/once_${ch}.png ${DIR}/twice_${ch}.png)
+  checksum(${IN} a --channels=${ch})
+  checksum(${DIR}/once_${ch}.png b)
+  checksum(${DIR}/twice_${ch}.png c)
+  if(a STREQUAL "" OR NOT a STREQUAL c OR a STREQUAL b)
+    message(FATAL_ERROR "${ch} channels: original ${a}, inverted ${b}, inverted twice ${c}")
+  endif()
+endforeach()
