@@ -92,6 +92,9 @@ QV_API int QV_Desaturate(const unsigned char* Src, unsigned char* Dest, int Widt
  * to Width - 1 and Height - 1); rows repeat the edge, columns reflect without it.
  * Src and Dest must be different buffers. */
 QV_API int QV_BoxBlur(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, int Radius);
+/* Every pixel becomes the rounded mean of its channel over the image; a fourth
+ * channel is kept from Src. */
+QV_API int QV_AverageBlur(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride);
 
 /* ---- exponential and Gaussian blur ---------------------------------------- */
 
