@@ -59,19 +59,28 @@ QV_API int QV_WhiteNoise(unsigned char* Dest, int Width, int Height, int Stride)
 
 /* ---- brightness, contrast, vibrance -------------------------------------- */
 
+/* Contrast (-100..100) around the image mean and Brightness (-255..255); 1, 3 or 4 channels. */
 QV_API int QV_AdjustBrightnessAndContrast(const unsigned char* Src, unsigned char* Dest, int Width, int Height,
                                           int Stride, int Brightness, int Contrast);
+/* Saturation boost (Amount > 0) or mute (< 0), clamped to -100..100; 3 or 4 channels. */
 QV_API int QV_Vibrance(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, int Amount);
 
 /* ---- histogram adjustments ----------------------------------------------- */
 
+/* Per-channel stretch between limits clipping a fraction Cutoff of the pixels at each end,
+ * or a power curve taking the mean to mid-gray when AdjustGamma is set; 1, 3 or 4 channels. */
 QV_API int QV_AutoLevel(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, float Cutoff,
                         unsigned char AdjustGamma);
+/* As QV_AutoLevel with one pair of limits common to all channels, so hues are kept. */
 QV_API int QV_AutoContrast(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride,
                            float Cutoff, unsigned char AdjustGamma);
+/* Pushes each colour sample away from the pixel's brightness by a quarter; 3 or 4 channels. */
 QV_API int QV_AutoEnhanceColors(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride);
+/* Equalisation by square roots of the counts (or the counts when Linear is set), mixed
+ * with the identity by Strength percent; 1 or 3 channels (4 is walked as 3-byte pixels). */
 QV_API int QV_HistEqualize(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride,
                            unsigned char Linear, int Strength);
+/* Maps each channel onto a caller's 256-bin target histogram (TargetB only for gray). */
 QV_API int QV_HistgramMatching(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride,
                                const int* TargetB, const int* TargetG, const int* TargetR);
 
@@ -85,6 +94,10 @@ QV_API int QV_GetLuminance(const unsigned char* Src, unsigned char* Dest, int Wi
 QV_API int QV_Desaturate(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride);
 
 /* ---- white balance -------------------------------------------------------- */
+
+/* Gray-world white balance over the pixels whose saturation is below Percent; 3 or 4 channels. */
+QV_API int QV_AWB_GrayWorld(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride,
+                            int Percent);
 
 /* ---- box mean ------------------------------------------------------------- */
 
