@@ -203,6 +203,24 @@ QV_API int QV_Resample(const unsigned char* Src, unsigned char* Dest, int SrcWid
 
 /* ---- frequency filters ----------------------------------------------------- */
 
+/* Spectrum view: log magnitude of the padded transform, centred, stretched to 0..255. */
+QV_API int QV_ShowFFT(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride);
+/* Spectrum view without padding: |Re| / 255 of the centred transform (samples 0 and 1 share one plane). */
+QV_API int QV_ShowFFT_Precise(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride);
+/* Low pass with gain 1 / (1 + 0.414 r^2 / CutOff^2), r in bins of the padded plane. */
+QV_API int QV_ButterworthLowPass(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride,
+                                 int CutOff);
+/* Log-domain filter of the luminance: gain (GammaHigh - GammaLow)(1 - exp(-Sharpness r^2 / (2 CutOff^2))) + GammaLow. */
+QV_API int QV_HomomorphicFiltering(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride,
+                                   float CutOff, float GammaHigh, float GammaLow, float Sharpness);
+/* Gain GainOffset / 100 + GainScale / 100 / (1 + 0.414 CutOff^2 / r^2). */
+QV_API int QV_HighFrequencyEmphasizeFilter(const unsigned char* Src, unsigned char* Dest, int Width, int Height,
+                                           int Stride, int CutOff, int GainOffset, int GainScale);
+/* Gaussian band pass between structure sizes FilterSmall and FilterLarge (pixels), optional stripe suppression
+ * (StripeMode 1 columns, 2 rows; StripeTolerance 0..100), result stretched to 0..255. */
+QV_API int QV_BandPassFilter(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride,
+                             int FilterLarge, int FilterSmall, int StripeMode, int StripeTolerance);
+
 /* ---- pyramids -------------------------------------------------------------- */
 
 /* ---- sharpening ------------------------------------------------------------ */
