@@ -2,6 +2,7 @@
 // lines as the public header so that parallel additions merge cleanly.
 #include "registry.h"
 
+#include <algorithm>
 #include <cctype>
 #include <chrono>
 #include <cstdio>
@@ -33,6 +34,39 @@ constexpr auto kInt = ParamType::Int;
 constexpr auto kFloat = ParamType::Float;
 constexpr auto kBool = ParamType::Bool;
 constexpr auto kImage = ParamType::Image;
+
+// A 512 x 512 colour table (blue picks the 64 x 64 tile, green the row, red
+// the column), samples stored blue first: a warm, slightly faded tone.
+[[maybe_unused]] Image WarmLut() {
+  Image t = MakeImage(512, 512, 3);
+  auto clamp = [](double v) { return static_cast<unsigned char>(v < 0 ? 0 : v > 255 ? 255 : v + 0.5); };
+  for (int b6 = 0; b6 < 64; ++b6)
+    for (int g6 = 0; g6 < 64; ++g6)
+      for (int r6 = 0; r6 < 64; ++r6) {
+        const double b = b6 * 255.0 / 63, g = g6 * 255.0 / 63, r = r6 * 255.0 / 63;
+        unsigned char* p = t.ptr() + ((size_t((b6 / 8) * 64 + g6) * 512) + (b6 % 8) * 64 + r6) * 3;
+        p[0] = clamp(12 + b * 0.80);
+        p[1] = clamp(8 + g * 0.95);
+        p[2] = clamp(20 + r * 1.02);
+      }
+  return t;
+}
+
+// The global thresholds measure; the gallery shows the image cut at the value.
+[[maybe_unused]] int MeasureThreshold(Call& c, int (*fn)(const unsigned char*, int, int, int, int*)) {
+  constexpr int kUnwritten = -1;
+  int t = kUnwritten;
+  const int status = fn(c.in(), c.W(), c.H(), c.S(), &t);
+  if (status != STATUS_OK) return status;
+  if (t == kUnwritten) {
+    c.result = "no threshold written (the operator leaves it alone for this histogram)";
+    return status;
+  }
+  c.result = "threshold " + std::to_string(t);
+  for (size_t i = 0; i < c.dest.data.size(); ++i) c.dest.data[i] = c.src.data[i] > t ? 255 : 0;
+  c.illustrated = true;
+  return status;
+}
 
 }  // namespace
 
