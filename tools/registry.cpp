@@ -162,9 +162,9 @@ RunResult RunOperator(const Operator& op, const Image& src, const std::vector<do
   for (int k = 0; k < (repeat < 1 ? 1 : repeat); ++k) {
     Image dest = src;
     Call call{src, dest, op.params, values, images, {}, false, {}};
-    const auto t0 = std::chrono::steady_clock::now();
+    call.Restart();
     const int status = op.run(call);
-    const double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
+    const double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - call.start).count();
     if (k == 0 || ms < r.ms) r.ms = ms;
     r.status = status;
     r.result = call.result;
