@@ -13,13 +13,13 @@ extern "C" {
 #endif
 
 #if defined(_WIN32)
-#  if defined(QV_BUILDING_LIBRARY)
-#    define QV_API __declspec(dllexport)
-#  else
-#    define QV_API __declspec(dllimport)
-#  endif
+#if defined(QV_BUILDING_LIBRARY)
+#define QV_API __declspec(dllexport)
 #else
-#  define QV_API __attribute__((visibility("default")))
+#define QV_API __declspec(dllimport)
+#endif
+#else
+#define QV_API __attribute__((visibility("default")))
 #endif
 
 typedef enum QV_Status {
@@ -34,28 +34,110 @@ typedef enum QV_Status {
 /* ---- point operators ---------------------------------------------------- */
 
 QV_API int QV_Invert(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride);
+/* Gamma curve ((i * 0.003921569f) ^ Gamma) * 255, truncated, on the first three samples (3 or 4 channels). */
+QV_API int QV_GammaCorrection(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride,
+                              float Gamma);
+/* v > Threshold (clamped to 0..254) gives 255, else 0, every sample alike (1 or 3 channels). */
+QV_API int QV_Threshold(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride,
+                        int Threshold);
+/* Colour look-up through a 512 x 512 table of 3-byte pixels (786432 bytes), 3 or 4 channels. */
+QV_API int QV_Lut2D(const unsigned char* Src, const unsigned char* Table, unsigned char* Dest, int Width, int Height,
+                    int Stride);
+/* Saturating Src1 + Src2, Src1 - Src2, |Src1 - Src2|, and the linear-light blend of Src2 over Src1. */
+QV_API int QV_AddImage(const unsigned char* Src1, const unsigned char* Src2, unsigned char* Dest, int Width, int Height,
+                       int Stride);
+QV_API int QV_SubtractImage(const unsigned char* Src1, const unsigned char* Src2, unsigned char* Dest, int Width,
+                            int Height, int Stride);
+QV_API int QV_AbsDiffImage(const unsigned char* Src1, const unsigned char* Src2, unsigned char* Dest, int Width,
+                           int Height, int Stride);
+QV_API int QV_BlendTwoImage_LinearLight(const unsigned char* Src1, const unsigned char* Src2, unsigned char* Dest,
+                                        int Width, int Height, int Stride);
+/* Solarisation: samples above 127 become 255 - v. */
+QV_API int QV_Exposal(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride);
+/* Noise from rand() (not seeded here); Dest only, padding untouched. */
+QV_API int QV_WhiteNoise(unsigned char* Dest, int Width, int Height, int Stride);
 
 /* ---- brightness, contrast, vibrance -------------------------------------- */
 
+QV_API int QV_AdjustBrightnessAndContrast(const unsigned char* Src, unsigned char* Dest, int Width, int Height,
+                                          int Stride, int Brightness, int Contrast);
+QV_API int QV_Vibrance(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, int Amount);
+
 /* ---- histogram adjustments ----------------------------------------------- */
 
+QV_API int QV_AutoLevel(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, float Cutoff,
+                        unsigned char AdjustGamma);
+QV_API int QV_AutoContrast(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride,
+                           float Cutoff, unsigned char AdjustGamma);
+QV_API int QV_AutoEnhanceColors(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride);
+QV_API int QV_HistEqualize(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride,
+                           unsigned char Linear, int Strength);
+QV_API int QV_HistgramMatching(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride,
+                               const int* TargetB, const int* TargetG, const int* TargetR);
+
 /* ---- luminance, desaturation --------------------------------------------- */
+
+/* One luminance byte per pixel, (1867 b + 9617 g + 4900 r + 8192) >> 14; rows of
+ * Width bytes, or of ((Width * 8 + 31) / 32) * 4 bytes when RowPadded is set. */
+QV_API int QV_GetLuminance(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride,
+                           unsigned char RowPadded);
+/* Gray (max + min) / 2 in the three colour samples; 3 or 4 channels. */
+QV_API int QV_Desaturate(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride);
 
 /* ---- white balance -------------------------------------------------------- */
 
 /* ---- box mean ------------------------------------------------------------- */
 
+/* Mean of the (2 * Radius + 1)^2 window of every sample (Radius >= 1, limited
+ * to Width - 1 and Height - 1); rows repeat the edge, columns reflect without it.
+ * Src and Dest must be different buffers. */
+QV_API int QV_BoxBlur(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, int Radius);
+
 /* ---- exponential and Gaussian blur ---------------------------------------- */
 
+/* One-pole recursive blur, both ways along rows then columns; 16-bit fixed
+ * point. Radius >= 1. Src may equal Dest. */
+QV_API int QV_ExpBlur(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, int Radius);
+
+/* Recursive Gaussian blur, Radius is the sigma (> 0). Src may equal Dest. */
+QV_API int QV_GaussBlur(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, float Radius);
+
 /* ---- median ---------------------------------------------------------------- */
+
+/* Rank filter: each sample becomes the Percent (0..100) percentile of its
+ * square window of side 2 * Radius + 1; 50 is the median. Src must not be
+ * Dest. */
+QV_API int QV_MedianBlur(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, int Radius,
+                         int Percent);
 
 /* ---- guided filters -------------------------------------------------------- */
 
 /* ---- global thresholds ----------------------------------------------------- */
 
+/* Single-channel only (Stride / Width must be 1; Width 0 is status 1). The
+ * threshold is written through ThresholdOut, which is not tested. */
+QV_API int QV_GetOSTUThreshold(const unsigned char* Src, int Width, int Height, int Stride, int* ThresholdOut);
+QV_API int QV_GetMaxEntropyThreshold(const unsigned char* Src, int Width, int Height, int Stride, int* ThresholdOut);
+QV_API int QV_GetIterativeBestThreshold(const unsigned char* Src, int Width, int Height, int Stride, int* ThresholdOut);
+QV_API int QV_GetMinimumThreshold(const unsigned char* Src, int Width, int Height, int Stride, int* ThresholdOut);
+QV_API int QV_GetHuangFuzzyThreshold(const unsigned char* Src, int Width, int Height, int Stride, int* ThresholdOut);
+QV_API int QV_GetTriangleThreshold(const unsigned char* Src, int Width, int Height, int Stride, int* ThresholdOut);
+QV_API int QV_GetSimpleStatisticsThreshold(const unsigned char* Src, int Width, int Height, int Stride,
+                                           int* ThresholdOut);
+
 /* ---- gray morphology ------------------------------------------------------- */
 
+/* Square-window extrema at a cost independent of Radius; 1, 3 or 4 channels.
+ * The window is clipped at the image; Src may equal Dest. */
+QV_API int QV_MaxFilter(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, int Radius);
+QV_API int QV_MinFilter(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, int Radius);
+
 /* ---- copy, flip, rotate, transpose ----------------------------------------- */
+
+/* Dest(row r, column c) = Src(row c, column r) for DestHeight rows and
+ * DestWidth columns; SrcHeight is not read. Four-channel images must be packed. */
+QV_API int QV_Transpose(const unsigned char* Src, unsigned char* Dest, int SrcWidth, int SrcHeight, int SrcStride,
+                        int DestWidth, int DestHeight, int DestStride);
 
 /* ---- resample -------------------------------------------------------------- */
 

@@ -1,0 +1,308 @@
+// Rank filter: a chosen percentile of the square window at constant cost per
+// pixel through two-level (coarse and fine) column histograms, and min/max
+// selection networks for the exact median of the 3x3 and 5x5 windows.
+#include <cstdint>
+#include <cstring>
+
+#include "frame/frame.h"
+#include "smooth/blur_simd.h"
+
+namespace qv {
+namespace {
+
+int MedianFrame(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, int Radius,
+                int Percent, int* Channel) {
+  *Channel = DeriveChannel(Stride, Width);
+  if (Src == nullptr || Dest == nullptr) return STATUS_NULL_REFERENCE;
+  if (Width < 1 || Height < 1 || Radius < 1 || static_cast<unsigned>(Percent) > 100u) return STATUS_INVALID_PARAMETER;
+  if (!IsChannel134(*Channel)) return STATUS_NOT_SUPPORTED;
+  return STATUS_OK;
+}
+
+inline int ClampRow(long long Y, int Height) { return Y < 0 ? 0 : (Y >= Height ? Height - 1 : static_cast<int>(Y)); }
+
+// A padded line: the row with its first and last pixel repeated Pad times.
+void LoadLine(unsigned char* Line, const unsigned char* Row, int Width, int Channel, int Pad) {
+  const int n = Width * Channel;
+  std::memcpy(Line + Pad * Channel, Row, size_t(n));
+  for (int p = 0; p < Pad; ++p) {
+    std::memcpy(Line + p * Channel, Row, size_t(Channel));
+    std::memcpy(Line + (Pad + Width + p) * Channel, Row + n - Channel, size_t(Channel));
+  }
+}
+
+// ---- selection networks -------------------------------------------------
+
+// The same networks run on 16 bytes at once and on single samples.
+inline __m128i Min(__m128i a, __m128i b) { return _mm_min_epu8(a, b); }
+inline __m128i Max(__m128i a, __m128i b) { return _mm_max_epu8(a, b); }
+inline int Min(int a, int b) { return a < b ? a : b; }
+inline int Max(int a, int b) { return a < b ? b : a; }
+
+template <typename T>
+inline void Sort2(T& a, T& b) {
+  const T lo = Min(a, b);
+  b = Max(a, b);
+  a = lo;
+}
+
+template <typename T>
+inline T Med3(T a, T b, T c) {
+  return Max(Min(a, b), Min(Max(a, b), c));
+}
+
+// Fifth smallest of nine, p[3 * o + k] being line k at column offset o: sort
+// each column of three, then the median of the largest low, the median
+// middle and the smallest high (15 minima and 15 maxima).
+template <typename T>
+inline T Median9(T* p) {
+  for (int o = 0; o < 3; ++o) {
+    Sort2(p[3 * o], p[3 * o + 1]);
+    Sort2(p[3 * o + 1], p[3 * o + 2]);
+    Sort2(p[3 * o], p[3 * o + 1]);
+  }
+  const T lo = Max(Max(p[0], p[3]), p[6]);
+  const T hi = Min(Min(p[2], p[5]), p[8]);
+  return Med3(lo, Med3(p[1], p[4], p[7]), hi);
+}
+
+// Thirteenth smallest of 25 by a 99-exchange selection network.
+const unsigned char kNet25[99][2] = {
+    {0, 1},   {3, 4},   {2, 4},   {2, 3},   {6, 7},   {5, 7},   {5, 6},   {9, 10},  {8, 10},  {8, 9},   {12, 13},
+    {11, 13}, {11, 12}, {15, 16}, {14, 16}, {14, 15}, {18, 19}, {17, 19}, {17, 18}, {21, 22}, {20, 22}, {20, 21},
+    {23, 24}, {2, 5},   {3, 6},   {0, 6},   {0, 3},   {4, 7},   {1, 7},   {1, 4},   {11, 14}, {8, 14},  {8, 11},
+    {12, 15}, {9, 15},  {9, 12},  {13, 16}, {10, 16}, {10, 13}, {20, 23}, {17, 23}, {17, 20}, {21, 24}, {18, 24},
+    {18, 21}, {19, 22}, {8, 17},  {9, 18},  {0, 18},  {0, 9},   {10, 19}, {1, 19},  {1, 10},  {11, 20}, {2, 20},
+    {2, 11},  {12, 21}, {3, 21},  {3, 12},  {13, 22}, {4, 22},  {4, 13},  {14, 23}, {5, 23},  {5, 14},  {15, 24},
+    {6, 24},  {6, 15},  {7, 16},  {7, 19},  {13, 21}, {15, 23}, {7, 13},  {7, 15},  {1, 9},   {3, 11},  {5, 17},
+    {11, 17}, {9, 17},  {4, 10},  {6, 12},  {7, 14},  {4, 6},   {4, 7},   {12, 14}, {10, 14}, {6, 7},   {10, 12},
+    {6, 10},  {6, 17},  {12, 17}, {7, 17},  {7, 10},  {12, 18}, {7, 12},  {10, 18}, {12, 20}, {10, 20}, {10, 12}};
+
+template <typename T>
+inline T Median25(T* p) {
+  for (const auto& e : kNet25) Sort2(p[e[0]], p[e[1]]);
+  return p[12];
+}
+
+// The exact median of a (2 * R + 1)^2 window, R being 1 or 2, with the rows
+// and columns at the edges repeated.
+template <int R>
+int MedianBlurNetwork(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride) {
+  int Channel = 0;
+  const int status = MedianFrame(Src, Dest, Width, Height, Stride, R, 50, &Channel);
+  if (status != STATUS_OK) return status;
+
+  constexpr int D = 2 * R + 1;
+  const size_t line_bytes = size_t(Width + 2 * R) * Channel;
+  unsigned char* lines[D];
+  bool ok = true;
+  for (int k = 0; k < D; ++k) {
+    lines[k] = static_cast<unsigned char*>(Malloc(line_bytes));
+    ok = ok && lines[k] != nullptr;
+  }
+  if (!ok) {
+    for (int k = 0; k < D; ++k) Free(lines[k]);
+    return STATUS_OUT_OF_MEMORY;
+  }
+  // Line k holds row y - R + k. Rows past the image repeat the edge row; the
+  // top line of the 5x5 window for row 0, which the operator never writes,
+  // holds row 0 here.
+  for (int k = 0; k < D; ++k) LoadLine(lines[k], Src + size_t(ClampRow(k - R, Height)) * Stride, Width, Channel, R);
+
+  const int n = Width * Channel;
+  const int block_end = n & ~15;
+  for (int y = 0; y < Height; ++y) {
+    if (y > 0) {
+      unsigned char* t = lines[0];
+      for (int k = 0; k + 1 < D; ++k) lines[k] = lines[k + 1];
+      lines[D - 1] = t;
+      LoadLine(t, Src + size_t(ClampRow(static_cast<long long>(y) + R, Height)) * Stride, Width, Channel, R);
+    }
+    unsigned char* out = Dest + size_t(y) * Stride;
+    for (int i = 0; i < block_end; i += 16) {
+      __m128i p[D * D];
+      for (int o = 0; o < D; ++o)
+        for (int k = 0; k < D; ++k)
+          p[D * o + k] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(lines[k] + i + o * Channel));
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(out + i), R == 1 ? Median9(p) : Median25(p));
+    }
+    for (int i = block_end; i < n; ++i) {
+      int p[D * D];
+      for (int o = 0; o < D; ++o)
+        for (int k = 0; k < D; ++k) p[D * o + k] = lines[k][i + o * Channel];
+      out[i] = static_cast<unsigned char>(R == 1 ? Median9(p) : Median25(p));
+    }
+  }
+  for (int k = 0; k < D; ++k) Free(lines[k]);
+  return STATUS_OK;
+}
+
+// ---- two-level histograms ---------------------------------------------
+
+inline void AddHist(uint16_t* To, const uint16_t* From) {
+  __m128i* t = reinterpret_cast<__m128i*>(To);
+  const __m128i* f = reinterpret_cast<const __m128i*>(From);
+  _mm_store_si128(t, _mm_add_epi16(_mm_load_si128(t), _mm_load_si128(f)));
+  _mm_store_si128(t + 1, _mm_add_epi16(_mm_load_si128(t + 1), _mm_load_si128(f + 1)));
+}
+inline void SubHist(uint16_t* To, const uint16_t* From) {
+  __m128i* t = reinterpret_cast<__m128i*>(To);
+  const __m128i* f = reinterpret_cast<const __m128i*>(From);
+  _mm_store_si128(t, _mm_sub_epi16(_mm_load_si128(t), _mm_load_si128(f)));
+  _mm_store_si128(t + 1, _mm_sub_epi16(_mm_load_si128(t + 1), _mm_load_si128(f + 1)));
+}
+// To += From * Weight, wrapping at 16 bits.
+inline void AddHistWeighted(uint16_t* To, const uint16_t* From, uint16_t Weight) {
+  const __m128i w = _mm_set1_epi16(static_cast<int16_t>(Weight));
+  __m128i* t = reinterpret_cast<__m128i*>(To);
+  const __m128i* f = reinterpret_cast<const __m128i*>(From);
+  _mm_store_si128(t, _mm_add_epi16(_mm_load_si128(t), _mm_mullo_epi16(_mm_load_si128(f), w)));
+  _mm_store_si128(t + 1, _mm_add_epi16(_mm_load_si128(t + 1), _mm_mullo_epi16(_mm_load_si128(f + 1), w)));
+}
+
+struct Histograms {
+  uint16_t* coarse;       // [channel][column][16]
+  uint16_t* fine;         // [channel][coarse bin][column][16]
+  uint16_t* win_coarse;   // [channel][16]
+  uint16_t* win_fine;     // [channel][coarse bin][16]
+  int32_t* last_updated;  // [channel][coarse bin]
+  int width;
+  uint16_t* Coarse(int c, long long x) const { return coarse + (size_t(c) * width + size_t(x)) * 16; }
+  uint16_t* Fine(int c, int k, long long x) const { return fine + ((size_t(c) * 16 + k) * width + size_t(x)) * 16; }
+};
+
+// Adds (Sign 1) or removes (Sign -1) one image row from the column histograms.
+void UpdateColumns(const Histograms& h, const unsigned char* Row, int Width, int Channel, int Channels, int Sign,
+                   uint16_t Weight) {
+  const uint16_t d = static_cast<uint16_t>(Sign > 0 ? Weight : -Weight);
+  for (int x = 0; x < Width; ++x)
+    for (int c = 0; c < Channels; ++c) {
+      const int v = Row[x * Channel + c];
+      uint16_t* co = h.Coarse(c, x) + (v >> 4);
+      uint16_t* fi = h.Fine(c, v >> 4, x) + (v & 15);
+      *co = static_cast<uint16_t>(*co + d);
+      *fi = static_cast<uint16_t>(*fi + d);
+    }
+}
+
+int MedianBlurHistogram(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, int Radius,
+                        int Percent) {
+  int Channel = 0;
+  const int status = MedianFrame(Src, Dest, Width, Height, Stride, Radius, Percent, &Channel);
+  if (status != STATUS_OK) return status;
+
+  const int channels = Channel == 1 ? 1 : 3;
+  Histograms h;
+  h.width = Width;
+  h.coarse = AlignedArray<uint16_t>(size_t(Channel) * Width * 16, 32);
+  h.fine = AlignedArray<uint16_t>(size_t(Channel) * Width * 256, 32);
+  h.win_coarse = AlignedArray<uint16_t>(size_t(Channel) * 16, 32);
+  h.win_fine = AlignedArray<uint16_t>(size_t(Channel) * 256, 32);
+  h.last_updated = AlignedArray<int32_t>(size_t(Channel) * 16, 32);
+  if (h.coarse == nullptr || h.fine == nullptr || h.win_coarse == nullptr || h.win_fine == nullptr ||
+      h.last_updated == nullptr) {
+    AlignedFree(h.coarse);
+    AlignedFree(h.fine);
+    AlignedFree(h.win_coarse);
+    AlignedFree(h.win_fine);
+    AlignedFree(h.last_updated);
+    return STATUS_OUT_OF_MEMORY;
+  }
+  std::memset(h.coarse, 0, sizeof(uint16_t) * Channel * Width * 16);
+  std::memset(h.fine, 0, sizeof(uint16_t) * Channel * Width * 256);
+
+  // Sizes in wrapping unsigned arithmetic: no radius can overflow them.
+  const unsigned diameter = 2u * static_cast<unsigned>(Radius) + 1u;
+  const unsigned area = diameter * diameter;
+  const unsigned rank = Percent == 100 ? area - 1u : area * static_cast<unsigned>(Percent) / 100u;
+  const long long R = Radius;
+
+  // Row 0 counts Radius + 1 times (one of them leaves at the first row), then
+  // rows 0 .. Radius - 1; past the image these repeat the last row.
+  UpdateColumns(h, Src, Width, Channel, channels, 1, static_cast<uint16_t>(R + 1));
+  for (long long j = 0; j < R && j < Height; ++j)
+    UpdateColumns(h, Src + size_t(j) * Stride, Width, Channel, channels, 1, 1);
+  if (R > Height)
+    UpdateColumns(h, Src + size_t(Height - 1) * Stride, Width, Channel, channels, 1, static_cast<uint16_t>(R - Height));
+
+  for (int y = 0; y < Height; ++y) {
+    UpdateColumns(h, Src + size_t(ClampRow(y - R - 1, Height)) * Stride, Width, Channel, channels, -1, 1);
+    UpdateColumns(h, Src + size_t(ClampRow(y + R, Height)) * Stride, Width, Channel, channels, 1, 1);
+    std::memset(h.win_coarse, 0, sizeof(uint16_t) * Channel * 16);
+    std::memset(h.win_fine, 0, sizeof(uint16_t) * Channel * 256);
+    std::memset(h.last_updated, 0, sizeof(int32_t) * Channel * 16);
+    for (int c = 0; c < channels; ++c) {
+      uint16_t* wc = h.win_coarse + c * 16;
+      // Radius copies of column 0 and columns 0 .. Radius - 1, those past the
+      // image being the last column.
+      AddHistWeighted(wc, h.Coarse(c, 0), static_cast<uint16_t>(R));
+      for (long long j = 0; j < R && j < Width; ++j) AddHist(wc, h.Coarse(c, j));
+      if (R > Width) AddHistWeighted(wc, h.Coarse(c, Width - 1), static_cast<uint16_t>(R - Width));
+      // Every segment as if the window stood wholly left of the image.
+      for (int k = 0; k < 16; ++k) AddHistWeighted(h.win_fine + (c * 16 + k) * 16, h.Fine(c, k, 0), uint16_t(diameter));
+    }
+
+    unsigned char* out = Dest + size_t(y) * Stride;
+    for (int x = 0; x < Width; ++x) {
+      const long long left = x - R, right = x + R;
+      const long long add_col = right < Width - 1 ? right : Width - 1;
+      const long long sub_col = left > 0 ? left : 0;
+      for (int c = 0; c < channels; ++c) {
+        uint16_t* wc = h.win_coarse + c * 16;
+        AddHist(wc, h.Coarse(c, add_col));
+        unsigned sum = 0;
+        int k = 0;
+        for (; k < 15; ++k) {
+          if (sum + wc[k] > rank) break;
+          sum += wc[k];
+        }
+        // k stops at 15 even when the counters have wrapped (Radius 128 and
+        // more) and no bin passes the rank; so does b below.
+        uint16_t* seg = h.win_fine + (c * 16 + k) * 16;
+        int32_t& last = h.last_updated[c * 16 + k];
+        if (last <= left) {
+          std::memset(seg, 0, 32);
+          const long long end = right + 1 < Width ? right + 1 : Width;
+          for (long long j = left; j < end; ++j) AddHist(seg, h.Fine(c, k, j));
+          if (right + 1 > Width)
+            AddHistWeighted(seg, h.Fine(c, k, Width - 1), static_cast<uint16_t>(right + 1 - Width));
+          last = static_cast<int32_t>(right + 1);
+        } else {
+          for (long long L = last; L < right + 1; ++L) {
+            AddHist(seg, h.Fine(c, k, L < Width - 1 ? L : Width - 1));
+            const long long s = L - static_cast<long long>(diameter);
+            SubHist(seg, h.Fine(c, k, s > 0 ? s : 0));
+          }
+          last = static_cast<int32_t>(right + 1);
+        }
+        SubHist(wc, h.Coarse(c, sub_col));
+        int b = 0;
+        for (; b < 15; ++b) {
+          sum += seg[b];
+          if (sum > rank) break;
+        }
+        out[x * Channel + c] = static_cast<unsigned char>(16 * k + b);
+      }
+      if (Channel == 4) out[x * 4 + 3] = Src[size_t(y) * Stride + x * 4 + 3];
+    }
+  }
+  AlignedFree(h.coarse);
+  AlignedFree(h.fine);
+  AlignedFree(h.win_coarse);
+  AlignedFree(h.win_fine);
+  AlignedFree(h.last_updated);
+  return STATUS_OK;
+}
+
+}  // namespace
+}  // namespace qv
+
+extern "C" QV_API int QV_MedianBlur(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride,
+                                    int Radius, int Percent) {
+  int Channel = 0;
+  const int status = qv::MedianFrame(Src, Dest, Width, Height, Stride, Radius, Percent, &Channel);
+  if (status != STATUS_OK) return status;
+  if (Percent == 50 && Radius == 1) return qv::MedianBlurNetwork<1>(Src, Dest, Width, Height, Stride);
+  if (Percent == 50 && Radius == 2) return qv::MedianBlurNetwork<2>(Src, Dest, Width, Height, Stride);
+  return qv::MedianBlurHistogram(Src, Dest, Width, Height, Stride, Radius, Percent);
+}

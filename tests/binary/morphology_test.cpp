@@ -1,0 +1,123 @@
+// Gray morphology against a brute-force clipped window, over tail lengths,
+// strip remainders, channel counts and padded rows; frames and statuses.
+#include <csignal>
+
+#include "support/support.h"
+
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/lsan_interface.h>
+#endif
+
+namespace {
+
+using qvt::Image;
+
+// Extremum over |dx|, |dy| <= Radius inside the image; padding keeps Dest's bytes.
+Image WindowModel(const Image& src, const Image& dest_before, int Radius, bool Max) {
+  Image out = dest_before;
+  for (int y = 0; y < src.Height; ++y)
+    for (int x = 0; x < src.Width; ++x)
+      for (int c = 0; c < src.Channel; ++c) {
+        int best = Max ? 0 : 255;
+        for (int yy = std::max(0, y - Radius); yy <= std::min(src.Height - 1, y + Radius); ++yy)
+          for (int xx = std::max(0, x - Radius); xx <= std::min(src.Width - 1, x + Radius); ++xx) {
+            int v = src.at(xx, yy, c);
+            best = Max ? std::max(best, v) : std::min(best, v);
+          }
+        out.at(x, y, c) = static_cast<unsigned char>(best);
+      }
+  return out;
+}
+
+using Filter = int (*)(const unsigned char*, unsigned char*, int, int, int, int);
+
+void CheckShape(Filter f, bool Max, int w, int h, int c, int pad, int r) {
+  auto src = qvt::MakeImage(w, h, c, pad);
+  auto dst = qvt::MakeImage(w, h, c, pad);
+  const auto expect = WindowModel(src, dst, r, Max);
+  const std::string what = qvt::ToString({w, h, c, pad}) + " r=" + std::to_string(r) + (Max ? " max" : " min");
+  ASSERT_EQ(f(src.ptr(), dst.ptr(), w, h, src.Stride, r), STATUS_OK) << what;
+  ASSERT_TRUE(qvt::SameBytes(expect.data, dst.data, src.Stride)) << what;
+  // In place: the padding is Src's own, and must stay.
+  auto inplace = src;
+  ASSERT_EQ(f(inplace.ptr(), inplace.ptr(), w, h, src.Stride, r), STATUS_OK) << what;
+  ASSERT_TRUE(qvt::SameBytes(WindowModel(src, src, r, Max).data, inplace.data, src.Stride)) << what << " in place";
+}
+
+TEST(GrayMorphology, ExtremaMatchClippedWindowOnNarrowImages) {
+  // Every width to 40: rows shorter and longer than one 32-byte strip; heights
+  // below and above one band of 32 rows.
+  for (int c : {1, 3, 4})
+    for (int w = 1; w <= 40; ++w)
+      for (int h : {1, 2, 33})
+        for (int r : {0, 1, 2, 3, 6, 50}) {
+          const int pad = w > 3 ? (w + h) % 3 : 0;
+          CheckShape(QV_MaxFilter, true, w, h, c, pad, r);
+          CheckShape(QV_MinFilter, false, w, h, c, pad, r);
+        }
+}
+
+TEST(GrayMorphology, ExtremaMatchClippedWindowOnLargerImages) {
+  for (int c : {1, 3, 4})
+    for (int w : {63, 64, 65, 130})
+      for (int h : {31, 32, 65})
+        for (int r : {1, 2, 3, 4, 5, 6, 20}) {
+          CheckShape(QV_MaxFilter, true, w, h, c, r % 3, r);
+          CheckShape(QV_MinFilter, false, w, h, c, r % 3, r);
+        }
+}
+
+TEST(GrayMorphology, RadiusBeyondBothSidesGivesWholeImageExtremum) {
+  auto src = qvt::MakeImage(37, 35, 3);
+  auto dst = src;
+  ASSERT_EQ(QV_MaxFilter(src.ptr(), dst.ptr(), 37, 35, src.Stride, 2147483647), STATUS_OK);
+  for (int c = 0; c < 3; ++c) {
+    int m = 0;
+    for (int y = 0; y < 35; ++y)
+      for (int x = 0; x < 37; ++x) m = std::max(m, int(src.at(x, y, c)));
+    for (int y = 0; y < 35; ++y)
+      for (int x = 0; x < 37; ++x) ASSERT_EQ(dst.at(x, y, c), m);
+  }
+}
+
+TEST(GrayMorphology, FramesOfTheExtrema) {
+  unsigned char buf[64] = {7};
+  struct Case {
+    const char* what;
+    const unsigned char* src;
+    unsigned char* dst;
+    int w, h, stride, expect;
+  } cases[] = {
+      {"null src before sizes", nullptr, buf, 3, 0, 9, STATUS_NULL_REFERENCE},
+      {"null dest", buf, nullptr, 3, 1, 9, STATUS_NULL_REFERENCE},
+      {"height 0", buf, buf, 3, 0, 9, STATUS_INVALID_PARAMETER},
+      {"negative width", buf, buf, -3, 1, 9, STATUS_INVALID_PARAMETER},
+      {"channel 2 is 1, not 5", buf, buf, 4, 1, 8, STATUS_INVALID_PARAMETER},
+      {"channel 0", buf, buf, 4, 1, 3, STATUS_INVALID_PARAMETER},
+  };
+  for (Filter f : {QV_MaxFilter, QV_MinFilter})
+    for (auto& c : cases) {
+      unsigned char before[64];
+      std::copy(buf, buf + 64, before);
+      EXPECT_EQ(f(c.src, c.dst, c.w, c.h, c.stride, 1), c.expect) << c.what;
+      EXPECT_TRUE(std::equal(buf, buf + 64, before)) << c.what << ": Dest touched";
+    }
+}
+
+TEST(GrayMorphology, ExtremaReportExhaustedMemory) {
+  for (Filter f : {QV_MaxFilter, QV_MinFilter}) {
+    auto src = qvt::MakeImage(40, 40, 3);
+    auto dst = qvt::MakeImage(40, 40, 3);
+    const int allocations = qvt::CheckEveryAllocationFailure([&] { return f(src.ptr(), dst.ptr(), 40, 40, 120, 2); });
+    EXPECT_EQ(allocations, 5);  // two arrays for the columns, two and the strip for the rows
+  }
+}
+
+TEST(GrayMorphologyDeathTest, ZeroWidthFaults) {
+  unsigned char buf[16] = {};
+  volatile int w = 0;
+  EXPECT_EXIT(QV_MaxFilter(nullptr, buf, w, 0, 4, 1), ::testing::KilledBySignal(SIGFPE), "");
+  EXPECT_EXIT(QV_MinFilter(nullptr, buf, w, 0, 4, 1), ::testing::KilledBySignal(SIGFPE), "");
+}
+
+}  // namespace
