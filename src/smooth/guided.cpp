@@ -170,20 +170,23 @@ int ResampleToFloat(const unsigned char* Src, float* Dest, int Width, int Height
 
 namespace {
 
-// One row of Channel-sample pixels enlarged from SmallWidth to Width. The
-// step divides by Width, not Width - 1, so the last pixel falls short of the
-// last input. With SmallWidth 1 (a one-pixel-wide image) the right neighbour
-// would lie past the row: the last sample stands in, at weight 0.
-void EnlargeRow(const float* In, float* Out, int SmallWidth, int Width, int Channel) {
+// One row of the planes of a and b, enlarged from SmallWidth to Width pixels
+// of Channel samples; both share the positions. The step divides by Width,
+// not Width - 1, so the last pixel falls short of the last input. With
+// SmallWidth 1 (a one-pixel-wide image) the right neighbour would lie past
+// the row: the last sample stands in, at weight 0.
+template <int Channel>
+void EnlargeRows(const float* InA, const float* InB, float* OutA, float* OutB, int SmallWidth, int Width) {
   const double step = (SmallWidth - 1.0) / Width;
   double p = 0.0;
   for (int x = 0; x < Width; ++x, p += step) {
     const int i = static_cast<int>(p);
-    const double f = p - i;
+    const double f = p - i, g = 1 - f;
     const int j = i + 1 < SmallWidth ? i + 1 : SmallWidth - 1;
-    const float* a = In + i * Channel;
-    const float* b = In + j * Channel;
-    for (int c = 0; c < Channel; ++c) Out[x * Channel + c] = static_cast<float>(a[c] * (1 - f) + b[c] * f);
+    for (int c = 0; c < Channel; ++c) {
+      OutA[x * Channel + c] = static_cast<float>(InA[i * Channel + c] * g + InA[j * Channel + c] * f);
+      OutB[x * Channel + c] = static_cast<float>(InB[i * Channel + c] * g + InB[j * Channel + c] * f);
+    }
   }
 }
 
@@ -220,8 +223,21 @@ int ApplyGuidedModel(const unsigned char* Guide, const float* PlaneA, const floa
   }
   const size_t small_pitch = size_t(SmallWidth) * Channel;
   for (int r = 0; r < SmallHeight; ++r) {
-    EnlargeRow(PlaneA + r * small_pitch, wide_a + size_t(r) * n, SmallWidth, Width, Channel);
-    EnlargeRow(PlaneB + r * small_pitch, wide_b + size_t(r) * n, SmallWidth, Width, Channel);
+    const float* a = PlaneA + r * small_pitch;
+    const float* b = PlaneB + r * small_pitch;
+    float* oa = wide_a + size_t(r) * n;
+    float* ob = wide_b + size_t(r) * n;
+    switch (Channel) {
+      case 1:
+        EnlargeRows<1>(a, b, oa, ob, SmallWidth, Width);
+        break;
+      case 3:
+        EnlargeRows<3>(a, b, oa, ob, SmallWidth, Width);
+        break;
+      default:
+        EnlargeRows<4>(a, b, oa, ob, SmallWidth, Width);
+        break;
+    }
   }
 
   const int block_end = (n / 8) * 8;
