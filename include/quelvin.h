@@ -128,6 +128,15 @@ QV_API int QV_MedianBlur(const unsigned char* Src, unsigned char* Dest, int Widt
 
 /* ---- guided filters -------------------------------------------------------- */
 
+/* Fast guided filters on a grid reduced to ScaleRatio percent (10..100).
+ * Radius is raised to 4 and lowered to min(Width, Height); Eps is a standard
+ * deviation in grey levels. Src, Guide and Dest may coincide; Guide is not
+ * tested by the frame (a null one is refused by the reduction, status 3). */
+QV_API int QV_GuidedFilter(const unsigned char* Src, const unsigned char* Guide, unsigned char* Dest, int Width,
+                           int Height, int Stride, int Radius, int ScaleRatio, float Eps);
+QV_API int QV_SelfGuidedFilter(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride,
+                               int Radius, int ScaleRatio, float Eps);
+
 /* ---- global thresholds ----------------------------------------------------- */
 
 /* Single-channel only (Stride / Width must be 1; Width 0 is status 1). The
