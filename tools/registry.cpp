@@ -298,6 +298,29 @@ const std::vector<Operator>& Registry() {
        "Radius=3"},
 
       // ---- guided filters
+      {"GuidedFilter",
+       "guided filters",
+       "134",
+       "edge-preserving smoothing that keeps the edges of a guide image",
+       {{"Guide", kImage, 0, 0, 0, "guide image, same size"},
+        {"Radius", kInt, 1, 10000, 8, "window radius (raised to 4, limited to the image)"},
+        {"ScaleRatio", kInt, 10, 100, 50, "working grid in percent of the image size"},
+        {"Eps", kFloat, 0, 255, 20, "regularisation as a deviation in grey levels"}},
+       [](Call& c) {
+         return QV_GuidedFilter(c.in(), c.Img("Guide").ptr(), c.out(), c.W(), c.H(), c.S(), c.Int("Radius"),
+                                c.Int("ScaleRatio"), c.Float("Eps"));
+       }},
+      {"SelfGuidedFilter",
+       "guided filters",
+       "134",
+       "edge-preserving smoothing guided by the image itself",
+       {{"Radius", kInt, 1, 10000, 8, "window radius (raised to 4, limited to the image)"},
+        {"ScaleRatio", kInt, 10, 100, 50, "working grid in percent of the image size"},
+        {"Eps", kFloat, 0, 255, 20, "regularisation as a deviation in grey levels"}},
+       [](Call& c) {
+         return QV_SelfGuidedFilter(c.in(), c.out(), c.W(), c.H(), c.S(), c.Int("Radius"), c.Int("ScaleRatio"),
+                                    c.Float("Eps"));
+       }},
 
       // ---- global thresholds
       {"GetOSTUThreshold",
