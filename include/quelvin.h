@@ -149,6 +149,16 @@ QV_API int QV_Transpose(const unsigned char* Src, unsigned char* Dest, int SrcWi
 
 /* ---- pyramids -------------------------------------------------------------- */
 
+/* Number of pyramid levels (halvings of min(Width, Height) while the half is
+ * at least MinSize, plus one); 0 when an argument is below 1 or the image is
+ * smaller than MinSize. Returns a count, not a status. */
+QV_API int QV_GetMaxPyramidLevel(int Width, int Height, int MinSize);
+/* Experimental detail boost: a float Laplace pyramid of up to Levels levels
+ * whose bands become 4 * sign(x) * |x|^0.6, collapsed again. Src is not
+ * tested; rows are walked as three samples a pixel whatever the layout. */
+QV_API int LaplacePyramidTest(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride,
+                              int Levels);
+
 /* ---- sharpening ------------------------------------------------------------ */
 
 /* ---- edges and saliency ---------------------------------------------------- */
