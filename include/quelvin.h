@@ -105,6 +105,9 @@ QV_API int QV_AWB_GrayWorld(const unsigned char* Src, unsigned char* Dest, int W
  * to Width - 1 and Height - 1); rows repeat the edge, columns reflect without it.
  * Src and Dest must be different buffers. */
 QV_API int QV_BoxBlur(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, int Radius);
+/* Every pixel becomes the rounded mean of its channel over the image; a fourth
+ * channel is kept from Src. */
+QV_API int QV_AverageBlur(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride);
 
 /* ---- exponential and Gaussian blur ---------------------------------------- */
 
@@ -125,6 +128,15 @@ QV_API int QV_MedianBlur(const unsigned char* Src, unsigned char* Dest, int Widt
 
 /* ---- guided filters -------------------------------------------------------- */
 
+/* Fast guided filters on a grid reduced to ScaleRatio percent (10..100).
+ * Radius is raised to 4 and lowered to min(Width, Height); Eps is a standard
+ * deviation in grey levels. Src, Guide and Dest may coincide; Guide is not
+ * tested by the frame (a null one is refused by the reduction, status 3). */
+QV_API int QV_GuidedFilter(const unsigned char* Src, const unsigned char* Guide, unsigned char* Dest, int Width,
+                           int Height, int Stride, int Radius, int ScaleRatio, float Eps);
+QV_API int QV_SelfGuidedFilter(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride,
+                               int Radius, int ScaleRatio, float Eps);
+
 /* ---- global thresholds ----------------------------------------------------- */
 
 /* Single-channel only (Stride / Width must be 1; Width 0 is status 1). The
@@ -144,9 +156,43 @@ QV_API int QV_GetSimpleStatisticsThreshold(const unsigned char* Src, int Width, 
  * The window is clipped at the image; Src may equal Dest. */
 QV_API int QV_MaxFilter(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, int Radius);
 QV_API int QV_MinFilter(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, int Radius);
+/* Opening (minimum then maximum) and closing (maximum then minimum). */
+QV_API int QV_Open(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, int Radius);
+QV_API int QV_Close(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, int Radius);
+/* Local range max - min scaled by Amount percent (100 is the plain range),
+ * over whole rows padding included. Exhausted memory returns STATUS_OK. */
+QV_API int QV_RangeFilter(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, int Radius,
+                          int Amount);
 
 /* ---- copy, flip, rotate, transpose ----------------------------------------- */
 
+/* An image described by one record, for QV_BitBlt; its channel count is
+ * Stride / Width. */
+typedef struct ImageRecord {
+  int Width;
+  int Height;
+  int Stride;
+  unsigned char* Data;
+} ImageRecord;
+
+/* Copies the rectangle (SrcX, SrcY, BlitWidth, BlitHeight) of Src to (DestX,
+ * DestY) of Dest, clipped to both. 3 or 4 channels each side: 3 to 3 copies,
+ * 3 to 4 sets alpha 255, 4 to 3 blends over Dest, 4 to 4 composes with both
+ * alphas. Src->Data equal to Dest->Data returns STATUS_NOT_SUPPORTED. */
+QV_API int QV_BitBlt(ImageRecord* Dest, int DestX, int DestY, int BlitWidth, int BlitHeight, const ImageRecord* Src,
+                     int SrcX, int SrcY);
+/* Mirror images; Src may equal Dest. */
+QV_API int QV_FlipLeftRight(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride);
+QV_API int QV_FlipTopBottom(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride);
+/* Right-angle turns (90 clockwise, 270 counter-clockwise except for single-
+ * channel images not wider than high, which turn clockwise). Only
+ * QV_Rotate180 may run in place. Four-channel images must be packed. */
+QV_API int QV_Rotate90(const unsigned char* Src, unsigned char* Dest, int SrcWidth, int SrcHeight, int SrcStride,
+                       int DestWidth, int DestHeight, int DestStride);
+QV_API int QV_Rotate180(const unsigned char* Src, unsigned char* Dest, int SrcWidth, int SrcHeight, int SrcStride,
+                        int DestWidth, int DestHeight, int DestStride);
+QV_API int QV_Rotate270(const unsigned char* Src, unsigned char* Dest, int SrcWidth, int SrcHeight, int SrcStride,
+                        int DestWidth, int DestHeight, int DestStride);
 /* Dest(row r, column c) = Src(row c, column r) for DestHeight rows and
  * DestWidth columns; SrcHeight is not read. Four-channel images must be packed. */
 QV_API int QV_Transpose(const unsigned char* Src, unsigned char* Dest, int SrcWidth, int SrcHeight, int SrcStride,
@@ -154,11 +200,35 @@ QV_API int QV_Transpose(const unsigned char* Src, unsigned char* Dest, int SrcWi
 
 /* ---- resample -------------------------------------------------------------- */
 
+/* Scales Src to DestWidth x DestHeight; Mode 0 nearest, 1 bilinear, 2 bicubic.
+ * Equal sizes copy whatever the Mode; an unknown Mode returns STATUS_OK and
+ * writes nothing. Src and Dest must not overlap. */
+QV_API int QV_Resample(const unsigned char* Src, unsigned char* Dest, int SrcWidth, int SrcHeight, int SrcStride,
+                       int DestWidth, int DestHeight, int DestStride, int Mode);
+
 /* ---- dehazing -------------------------------------------------------------- */
 
 /* ---- Retinex --------------------------------------------------------------- */
 
 /* ---- frequency filters ----------------------------------------------------- */
+
+/* Spectrum view: log magnitude of the padded transform, centred, stretched to 0..255. */
+QV_API int QV_ShowFFT(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride);
+/* Spectrum view without padding: |Re| / 255 of the centred transform (samples 0 and 1 share one plane). */
+QV_API int QV_ShowFFT_Precise(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride);
+/* Low pass with gain 1 / (1 + 0.414 r^2 / CutOff^2), r in bins of the padded plane. */
+QV_API int QV_ButterworthLowPass(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride,
+                                 int CutOff);
+/* Log-domain filter of the luminance: gain (GammaHigh - GammaLow)(1 - exp(-Sharpness r^2 / (2 CutOff^2))) + GammaLow. */
+QV_API int QV_HomomorphicFiltering(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride,
+                                   float CutOff, float GammaHigh, float GammaLow, float Sharpness);
+/* Gain GainOffset / 100 + GainScale / 100 / (1 + 0.414 CutOff^2 / r^2). */
+QV_API int QV_HighFrequencyEmphasizeFilter(const unsigned char* Src, unsigned char* Dest, int Width, int Height,
+                                           int Stride, int CutOff, int GainOffset, int GainScale);
+/* Gaussian band pass between structure sizes FilterSmall and FilterLarge (pixels), optional stripe suppression
+ * (StripeMode 1 columns, 2 rows; StripeTolerance 0..100), result stretched to 0..255. */
+QV_API int QV_BandPassFilter(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride,
+                             int FilterLarge, int FilterSmall, int StripeMode, int StripeTolerance);
 
 /* ---- pyramids -------------------------------------------------------------- */
 

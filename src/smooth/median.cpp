@@ -66,23 +66,30 @@ inline T Median9(T* p) {
   return Med3(lo, Med3(p[1], p[4], p[7]), hi);
 }
 
-// Thirteenth smallest of 25 by a 99-exchange selection network.
-const unsigned char kNet25[99][2] = {
-    {0, 1},   {3, 4},   {2, 4},   {2, 3},   {6, 7},   {5, 7},   {5, 6},   {9, 10},  {8, 10},  {8, 9},   {12, 13},
-    {11, 13}, {11, 12}, {15, 16}, {14, 16}, {14, 15}, {18, 19}, {17, 19}, {17, 18}, {21, 22}, {20, 22}, {20, 21},
-    {23, 24}, {2, 5},   {3, 6},   {0, 6},   {0, 3},   {4, 7},   {1, 7},   {1, 4},   {11, 14}, {8, 14},  {8, 11},
-    {12, 15}, {9, 15},  {9, 12},  {13, 16}, {10, 16}, {10, 13}, {20, 23}, {17, 23}, {17, 20}, {21, 24}, {18, 24},
-    {18, 21}, {19, 22}, {8, 17},  {9, 18},  {0, 18},  {0, 9},   {10, 19}, {1, 19},  {1, 10},  {11, 20}, {2, 20},
-    {2, 11},  {12, 21}, {3, 21},  {3, 12},  {13, 22}, {4, 22},  {4, 13},  {14, 23}, {5, 23},  {5, 14},  {15, 24},
-    {6, 24},  {6, 15},  {7, 16},  {7, 19},  {13, 21}, {15, 23}, {7, 13},  {7, 15},  {1, 9},   {3, 11},  {5, 17},
-    {11, 17}, {9, 17},  {4, 10},  {6, 12},  {7, 14},  {4, 6},   {4, 7},   {12, 14}, {10, 14}, {6, 7},   {10, 12},
-    {6, 10},  {6, 17},  {12, 17}, {7, 17},  {7, 10},  {12, 18}, {7, 12},  {10, 18}, {12, 20}, {10, 20}, {10, 12}};
+// Thirteenth smallest of 25 by a 99-exchange selection network, written out
+// with constant indices so that the samples can stay in registers.
+#define QV_NET25(X)                                                                                                    \
+  X(0, 1)                                                                                                              \
+  X(3, 4)                                                                                                              \
+  X(2, 4) X(2, 3) X(6, 7) X(5, 7) X(5, 6) X(9, 10) X(8, 10) X(8, 9) X(12, 13) X(11, 13) X(11, 12) X(15, 16) X(14, 16)  \
+      X(14, 15) X(18, 19) X(17, 19) X(17, 18) X(21, 22) X(20, 22) X(20, 21) X(23, 24) X(2, 5) X(3, 6) X(0, 6) X(0, 3)  \
+          X(4, 7) X(1, 7) X(1, 4) X(11, 14) X(8, 14) X(8, 11) X(12, 15) X(9, 15) X(9, 12) X(13, 16) X(10, 16)          \
+              X(10, 13) X(20, 23) X(17, 23) X(17, 20) X(21, 24) X(18, 24) X(18, 21) X(19, 22) X(8, 17) X(9, 18)        \
+                  X(0, 18) X(0, 9) X(10, 19) X(1, 19) X(1, 10) X(11, 20) X(2, 20) X(2, 11) X(12, 21) X(3, 21) X(3, 12) \
+                      X(13, 22) X(4, 22) X(4, 13) X(14, 23) X(5, 23) X(5, 14) X(15, 24) X(6, 24) X(6, 15) X(7, 16)     \
+                          X(7, 19) X(13, 21) X(15, 23) X(7, 13) X(7, 15) X(1, 9) X(3, 11) X(5, 17) X(11, 17) X(9, 17)  \
+                              X(4, 10) X(6, 12) X(7, 14) X(4, 6) X(4, 7) X(12, 14) X(10, 14) X(6, 7) X(10, 12)         \
+                                  X(6, 10) X(6, 17) X(12, 17) X(7, 17) X(7, 10) X(12, 18) X(7, 12) X(10, 18) X(12, 20) \
+                                      X(10, 20) X(10, 12)
 
 template <typename T>
 inline T Median25(T* p) {
-  for (const auto& e : kNet25) Sort2(p[e[0]], p[e[1]]);
+#define QV_EXCHANGE(a, b) Sort2(p[a], p[b]);
+  QV_NET25(QV_EXCHANGE)
+#undef QV_EXCHANGE
   return p[12];
 }
+#undef QV_NET25
 
 // The exact median of a (2 * R + 1)^2 window, R being 1 or 2, with the rows
 // and columns at the edges repeated.
@@ -160,6 +167,33 @@ inline void AddHistWeighted(uint16_t* To, const uint16_t* From, uint16_t Weight)
   _mm_store_si128(t + 1, _mm_add_epi16(_mm_load_si128(t + 1), _mm_mullo_epi16(_mm_load_si128(f + 1), w)));
 }
 
+// The first of 16 bins whose running sum exceeds Limit, or 15 if none does;
+// *Before receives the sum of the bins before it. All prefix sums must fit
+// 16 bits, which holds for windows of fewer than 65536 samples.
+inline int FirstAbove(const uint16_t* Hist, unsigned Limit, unsigned* Before) {
+  const __m128i* h = reinterpret_cast<const __m128i*>(Hist);
+  __m128i a = _mm_load_si128(h), b = _mm_load_si128(h + 1);
+  a = _mm_add_epi16(a, _mm_slli_si128(a, 2));
+  b = _mm_add_epi16(b, _mm_slli_si128(b, 2));
+  a = _mm_add_epi16(a, _mm_slli_si128(a, 4));
+  b = _mm_add_epi16(b, _mm_slli_si128(b, 4));
+  a = _mm_add_epi16(a, _mm_slli_si128(a, 8));
+  b = _mm_add_epi16(b, _mm_slli_si128(b, 8));
+  const __m128i top = _mm_shufflehi_epi16(a, 0xFF);
+  b = _mm_add_epi16(b, _mm_unpackhi_epi64(top, top));
+  // prefix > Limit exactly where the saturating difference is not zero.
+  const __m128i lim = _mm_set1_epi16(static_cast<int16_t>(Limit)), zero = _mm_setzero_si128();
+  const __m128i at_most =
+      _mm_packs_epi16(_mm_cmpeq_epi16(_mm_subs_epu16(a, lim), zero), _mm_cmpeq_epi16(_mm_subs_epu16(b, lim), zero));
+  const int above = ~_mm_movemask_epi8(at_most) & 0xFFFF;
+  const int k = above != 0 ? __builtin_ctz(static_cast<unsigned>(above)) : 15;
+  alignas(16) uint16_t prefix[16];
+  _mm_store_si128(reinterpret_cast<__m128i*>(prefix), a);
+  _mm_store_si128(reinterpret_cast<__m128i*>(prefix + 8), b);
+  *Before = k > 0 ? prefix[k - 1] : 0;
+  return k;
+}
+
 struct Histograms {
   uint16_t* coarse;       // [channel][column][16]
   uint16_t* fine;         // [channel][coarse bin][column][16]
@@ -216,6 +250,8 @@ int MedianBlurHistogram(const unsigned char* Src, unsigned char* Dest, int Width
   const unsigned area = diameter * diameter;
   const unsigned rank = Percent == 100 ? area - 1u : area * static_cast<unsigned>(Percent) / 100u;
   const long long R = Radius;
+  // Below Radius 128 every running sum of a window fits 16 bits.
+  const bool narrow_sums = Radius < 128;
 
   // Row 0 counts Radius + 1 times (one of them leaves at the first row), then
   // rows 0 .. Radius - 1; past the image these repeat the last row.
@@ -252,9 +288,13 @@ int MedianBlurHistogram(const unsigned char* Src, unsigned char* Dest, int Width
         AddHist(wc, h.Coarse(c, add_col));
         unsigned sum = 0;
         int k = 0;
-        for (; k < 15; ++k) {
-          if (sum + wc[k] > rank) break;
-          sum += wc[k];
+        if (narrow_sums) {
+          k = FirstAbove(wc, rank, &sum);
+        } else {
+          for (; k < 15; ++k) {
+            if (sum + wc[k] > rank) break;
+            sum += wc[k];
+          }
         }
         // k stops at 15 even when the counters have wrapped (Radius 128 and
         // more) and no bin passes the rank; so does b below.
@@ -277,9 +317,14 @@ int MedianBlurHistogram(const unsigned char* Src, unsigned char* Dest, int Width
         }
         SubHist(wc, h.Coarse(c, sub_col));
         int b = 0;
-        for (; b < 15; ++b) {
-          sum += seg[b];
-          if (sum > rank) break;
+        if (narrow_sums) {
+          unsigned before = 0;
+          b = FirstAbove(seg, rank - sum, &before);
+        } else {
+          for (; b < 15; ++b) {
+            sum += seg[b];
+            if (sum > rank) break;
+          }
         }
         out[x * Channel + c] = static_cast<unsigned char>(16 * k + b);
       }
