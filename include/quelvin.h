@@ -208,6 +208,15 @@ QV_API int QV_Resample(const unsigned char* Src, unsigned char* Dest, int SrcWid
 
 /* ---- dehazing -------------------------------------------------------------- */
 
+/* Dark-channel prior: atmospheric light from the top percent of the dark channel (each limited to
+ * AtmosphericLimit), transmission 1 - Omega * dark / A refined by a guided filter on a 20% grid and held
+ * above MinTransmission (0..1), recovery, then a gamma curve; 3 or 4 channels (the fourth byte is kept).
+ * GuideRadius below 5 is refused by the guided filter (status 1) unless the image is too small to reduce.
+ * Src may equal Dest. */
+QV_API int QV_HazeRemovalBasedOnDarkChannelPrior(const unsigned char* Src, unsigned char* Dest, int Width, int Height,
+                                                 int Stride, int DarkRadius, int GuideRadius, int AtmosphericLimit,
+                                                 float Omega, float MinTransmission, float Gamma);
+
 /* ---- Retinex --------------------------------------------------------------- */
 
 /* ---- frequency filters ----------------------------------------------------- */
