@@ -208,7 +208,30 @@ QV_API int QV_Resample(const unsigned char* Src, unsigned char* Dest, int SrcWid
 
 /* ---- dehazing -------------------------------------------------------------- */
 
+/* Dark-channel prior: atmospheric light from the top percent of the dark channel (each limited to
+ * AtmosphericLimit), transmission 1 - Omega * dark / A refined by a guided filter on a 20% grid and held
+ * above MinTransmission (0..1), recovery, then a gamma curve; 3 or 4 channels (the fourth byte is kept).
+ * GuideRadius below 5 is refused by the guided filter (status 1) unless the image is too small to reduce.
+ * Src may equal Dest. */
+QV_API int QV_HazeRemovalBasedOnDarkChannelPrior(const unsigned char* Src, unsigned char* Dest, int Width, int Height,
+                                                 int Stride, int DarkRadius, int GuideRadius, int AtmosphericLimit,
+                                                 float Omega, float MinTransmission, float Gamma);
+
 /* ---- Retinex --------------------------------------------------------------- */
+
+/* Multi-scale Retinex on the luminance: ScaleCount Gaussian surrounds up to MaxSigma, log ratio clipped
+ * at the ClipShare (fraction of 1) percentiles at both ends, brought back to colour with a gain of at
+ * most 4; 1, 3 or 4 channels (4 is walked as 3-byte pixels). */
+QV_API int QV_Retinex(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, int MaxSigma,
+                      int ScaleCount, float ClipShare);
+/* Adaptive logarithmic tone mapping of the luminance around its log mean; ClipShare as in QV_Retinex,
+ * 0 skips the clipping. */
+QV_API int QV_ALTM_Retinex(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride,
+                           float ClipShare);
+/* Iterative ratio-product-reset-average Retinex per channel on 16-bit log planes (Iterations >= 1);
+ * 1 or 3 channels. Exhausted memory returns STATUS_OK with Dest unwritten. */
+QV_API int QV_FrankleMccannRetinex(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride,
+                                   int Iterations);
 
 /* ---- frequency filters ----------------------------------------------------- */
 
