@@ -47,6 +47,9 @@ void BM_AdjustBrightnessAndContrast_qv(benchmark::State& state) {
 void BM_Vibrance_qv(benchmark::State& state) {
   RunPoint(state, [](auto s, auto d, int w, int h, int st) { return QV_Vibrance(s, d, w, h, st, 50); });
 }
+void BM_AWB_GrayWorld_qv(benchmark::State& state) {
+  RunPoint(state, [](auto s, auto d, int w, int h, int st) { return QV_AWB_GrayWorld(s, d, w, h, st, 50); });
+}
 
 #ifdef QV_HAVE_OPENCV
 void BM_HistEqualize_cv(benchmark::State& state) {
@@ -79,5 +82,6 @@ BENCHMARK(BM_HistEqualize_cv)->Apply(Gray);
 BENCHMARK(BM_HistgramMatching_qv)->Apply(All);
 BENCHMARK(BM_AdjustBrightnessAndContrast_qv)->Apply(All);
 BENCHMARK(BM_Vibrance_qv)->Apply(Colour);
+BENCHMARK(BM_AWB_GrayWorld_qv)->Apply(Colour);
 
 }  // namespace

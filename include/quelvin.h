@@ -59,19 +59,28 @@ QV_API int QV_WhiteNoise(unsigned char* Dest, int Width, int Height, int Stride)
 
 /* ---- brightness, contrast, vibrance -------------------------------------- */
 
+/* Contrast (-100..100) around the image mean and Brightness (-255..255); 1, 3 or 4 channels. */
 QV_API int QV_AdjustBrightnessAndContrast(const unsigned char* Src, unsigned char* Dest, int Width, int Height,
                                           int Stride, int Brightness, int Contrast);
+/* Saturation boost (Amount > 0) or mute (< 0), clamped to -100..100; 3 or 4 channels. */
 QV_API int QV_Vibrance(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, int Amount);
 
 /* ---- histogram adjustments ----------------------------------------------- */
 
+/* Per-channel stretch between limits clipping a fraction Cutoff of the pixels at each end,
+ * or a power curve taking the mean to mid-gray when AdjustGamma is set; 1, 3 or 4 channels. */
 QV_API int QV_AutoLevel(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, float Cutoff,
                         unsigned char AdjustGamma);
+/* As QV_AutoLevel with one pair of limits common to all channels, so hues are kept. */
 QV_API int QV_AutoContrast(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride,
                            float Cutoff, unsigned char AdjustGamma);
+/* Pushes each colour sample away from the pixel's brightness by a quarter; 3 or 4 channels. */
 QV_API int QV_AutoEnhanceColors(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride);
+/* Equalisation by square roots of the counts (or the counts when Linear is set), mixed
+ * with the identity by Strength percent; 1 or 3 channels (4 is walked as 3-byte pixels). */
 QV_API int QV_HistEqualize(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride,
                            unsigned char Linear, int Strength);
+/* Maps each channel onto a caller's 256-bin target histogram (TargetB only for gray). */
 QV_API int QV_HistgramMatching(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride,
                                const int* TargetB, const int* TargetG, const int* TargetR);
 
@@ -86,12 +95,19 @@ QV_API int QV_Desaturate(const unsigned char* Src, unsigned char* Dest, int Widt
 
 /* ---- white balance -------------------------------------------------------- */
 
+/* Gray-world white balance over the pixels whose saturation is below Percent; 3 or 4 channels. */
+QV_API int QV_AWB_GrayWorld(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride,
+                            int Percent);
+
 /* ---- box mean ------------------------------------------------------------- */
 
 /* Mean of the (2 * Radius + 1)^2 window of every sample (Radius >= 1, limited
  * to Width - 1 and Height - 1); rows repeat the edge, columns reflect without it.
  * Src and Dest must be different buffers. */
 QV_API int QV_BoxBlur(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, int Radius);
+/* Every pixel becomes the rounded mean of its channel over the image; a fourth
+ * channel is kept from Src. */
+QV_API int QV_AverageBlur(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride);
 
 /* ---- exponential and Gaussian blur ---------------------------------------- */
 
@@ -111,6 +127,15 @@ QV_API int QV_MedianBlur(const unsigned char* Src, unsigned char* Dest, int Widt
                          int Percent);
 
 /* ---- guided filters -------------------------------------------------------- */
+
+/* Fast guided filters on a grid reduced to ScaleRatio percent (10..100).
+ * Radius is raised to 4 and lowered to min(Width, Height); Eps is a standard
+ * deviation in grey levels. Src, Guide and Dest may coincide; Guide is not
+ * tested by the frame (a null one is refused by the reduction, status 3). */
+QV_API int QV_GuidedFilter(const unsigned char* Src, const unsigned char* Guide, unsigned char* Dest, int Width,
+                           int Height, int Stride, int Radius, int ScaleRatio, float Eps);
+QV_API int QV_SelfGuidedFilter(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride,
+                               int Radius, int ScaleRatio, float Eps);
 
 /* ---- global thresholds ----------------------------------------------------- */
 
@@ -186,6 +211,24 @@ QV_API int QV_Resample(const unsigned char* Src, unsigned char* Dest, int SrcWid
 /* ---- Retinex --------------------------------------------------------------- */
 
 /* ---- frequency filters ----------------------------------------------------- */
+
+/* Spectrum view: log magnitude of the padded transform, centred, stretched to 0..255. */
+QV_API int QV_ShowFFT(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride);
+/* Spectrum view without padding: |Re| / 255 of the centred transform (samples 0 and 1 share one plane). */
+QV_API int QV_ShowFFT_Precise(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride);
+/* Low pass with gain 1 / (1 + 0.414 r^2 / CutOff^2), r in bins of the padded plane. */
+QV_API int QV_ButterworthLowPass(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride,
+                                 int CutOff);
+/* Log-domain filter of the luminance: gain (GammaHigh - GammaLow)(1 - exp(-Sharpness r^2 / (2 CutOff^2))) + GammaLow. */
+QV_API int QV_HomomorphicFiltering(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride,
+                                   float CutOff, float GammaHigh, float GammaLow, float Sharpness);
+/* Gain GainOffset / 100 + GainScale / 100 / (1 + 0.414 CutOff^2 / r^2). */
+QV_API int QV_HighFrequencyEmphasizeFilter(const unsigned char* Src, unsigned char* Dest, int Width, int Height,
+                                           int Stride, int CutOff, int GainOffset, int GainScale);
+/* Gaussian band pass between structure sizes FilterSmall and FilterLarge (pixels), optional stripe suppression
+ * (StripeMode 1 columns, 2 rows; StripeTolerance 0..100), result stretched to 0..255. */
+QV_API int QV_BandPassFilter(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride,
+                             int FilterLarge, int FilterSmall, int StripeMode, int StripeTolerance);
 
 /* ---- pyramids -------------------------------------------------------------- */
 

@@ -32,6 +32,7 @@ struct Shot {
   double ms = 0;
   std::string result;  // measuring operators
   std::string input;   // which form of the sample it was given
+  std::string refusal;
   Image thumb;
 };
 
@@ -126,7 +127,7 @@ Image Thumbnail(const Image& im, int box_w, int box_h) {
 // ---- layout ----------------------------------------------------------------
 
 constexpr int kColumns = 5, kThumbW = 240, kThumbH = 160, kPad = 12;
-constexpr int kCellW = kThumbW + 2 * kPad, kCellH = kThumbH + 68;
+constexpr int kCellW = kThumbW + 2 * kPad, kCellH = kThumbH + 92;
 constexpr int kMargin = 24, kTitleH = 84, kFamilyH = 34;
 const Rgb kBackground{28, 30, 34}, kCell{44, 47, 53}, kText{236, 236, 236}, kDim{150, 156, 166}, kAccent{242, 166, 60},
     kBad{235, 90, 80};
@@ -140,7 +141,7 @@ void DrawCell(Image& sheet, int x, int y, const Shot& s) {
   for (size_t k = 0; k < lines.size(); ++k) DrawText(sheet, label_x, label_y + int(k) * 18, lines[k], 2, kText);
   std::string sub = s.params;
   if (s.status != 0)
-    sub = StatusName(s.status);
+    sub = s.refusal.empty() ? StatusName(s.status) : s.refusal;
   else if (!s.result.empty())
     sub = s.result;
   if (s.status == 0 && s.op) {
@@ -148,9 +149,22 @@ void DrawCell(Image& sheet, int x, int y, const Shot& s) {
     std::snprintf(ms, sizeof ms, "%.2f ms", s.ms);
     sub = sub.empty() ? ms : sub + "  " + ms;
   }
-  const int sub_scale = TextWidth(sub, 2) <= text_w ? 2 : 1;
-  DrawText(sheet, label_x, label_y + int(lines.size()) * 18 + 2, Fit(sub, sub_scale, text_w), sub_scale,
-           s.status != 0 ? kBad : kDim);
+  // The small print wraps at spaces onto two lines before it is cut.
+  int sub_y = label_y + int(lines.size()) * 18 + 2;
+  std::string line;
+  std::istringstream words(sub);
+  int used = 0;
+  for (std::string w; words >> w;) {
+    const std::string next = line.empty() ? w : line + " " + w;
+    if (TextWidth(next, 2) <= text_w || line.empty()) {
+      line = next;
+      continue;
+    }
+    DrawText(sheet, label_x, sub_y, Fit(line, 2, text_w), 2, s.status != 0 ? kBad : kDim);
+    sub_y += 16, line = w;
+    if (++used == 1 && lines.size() == 2) break;  // room for one more line only
+  }
+  if (!line.empty()) DrawText(sheet, label_x, sub_y, Fit(line, 2, text_w), 2, s.status != 0 ? kBad : kDim);
 }
 
 Image ContactSheet(const std::string& title, const std::string& subtitle, const Shot& original,
@@ -231,7 +245,8 @@ std::string IndexPage(const std::string& sample, const std::vector<Shot>& shots)
     h << "<figcaption><b>QV_" << Html(s.op->name) << "</b><br>" << Html(s.op->help) << "<br><span class=\"dim\">"
       << Html(s.input) << (s.params.empty() ? "" : ", <code>" + Html(s.params) + "</code>") << "</span><br>";
     if (s.status != 0) {
-      h << "<span class=\"bad\">" << StatusName(s.status) << " (" << s.status << ")</span>";
+      h << "<span class=\"bad\">" << (s.refusal.empty() ? StatusName(s.status) : Html(s.refusal)) << " (" << s.status
+        << ")</span>";
     } else {
       char ms[32];
       std::snprintf(ms, sizeof ms, "%.3f ms", s.ms);
@@ -313,7 +328,9 @@ int RunDemo(const std::string& outdir, const std::string& input) {
     s.status = r.status;
     s.ms = r.ms;
     s.result = r.result;
-    std::printf("%-34s %-26s %9.3f ms  %s\n", op.name, StatusName(r.status), r.ms, r.result.c_str());
+    s.refusal = r.refusal;
+    std::printf("%-34s %-26s %9.3f ms  %s\n", op.name, StatusName(r.status), r.ms,
+                (r.refusal.empty() ? r.result : r.refusal).c_str());
     if (r.status != 0) {
       ++failed;
     } else if (op.output == Output::Image || r.illustrated) {

@@ -2,6 +2,7 @@
 // lines as the public header so that parallel additions merge cleanly.
 #include "registry.h"
 
+#include <algorithm>
 #include <cctype>
 #include <chrono>
 #include <cstdio>
@@ -34,6 +35,39 @@ constexpr auto kFloat = ParamType::Float;
 constexpr auto kBool = ParamType::Bool;
 constexpr auto kImage = ParamType::Image;
 
+// A 512 x 512 colour table (blue picks the 64 x 64 tile, green the row, red
+// the column), samples stored blue first: a warm, slightly faded tone.
+Image WarmLut() {
+  Image t = MakeImage(512, 512, 3);
+  auto clamp = [](double v) { return static_cast<unsigned char>(v < 0 ? 0 : v > 255 ? 255 : v + 0.5); };
+  for (int b6 = 0; b6 < 64; ++b6)
+    for (int g6 = 0; g6 < 64; ++g6)
+      for (int r6 = 0; r6 < 64; ++r6) {
+        const double b = b6 * 255.0 / 63, g = g6 * 255.0 / 63, r = r6 * 255.0 / 63;
+        unsigned char* p = t.ptr() + ((size_t((b6 / 8) * 64 + g6) * 512) + (b6 % 8) * 64 + r6) * 3;
+        p[0] = clamp(12 + b * 0.80);
+        p[1] = clamp(8 + g * 0.95);
+        p[2] = clamp(20 + r * 1.02);
+      }
+  return t;
+}
+
+// The global thresholds measure; the gallery shows the image cut at the value.
+int MeasureThreshold(Call& c, int (*fn)(const unsigned char*, int, int, int, int*)) {
+  constexpr int kUnwritten = -1;
+  int t = kUnwritten;
+  const int status = fn(c.in(), c.W(), c.H(), c.S(), &t);
+  if (status != STATUS_OK) return status;
+  if (t == kUnwritten) {
+    c.result = "no threshold written (the operator leaves it alone for this histogram)";
+    return status;
+  }
+  c.result = "threshold " + std::to_string(t);
+  for (size_t i = 0; i < c.dest.data.size(); ++i) c.dest.data[i] = c.src.data[i] > t ? 255 : 0;
+  c.illustrated = true;
+  return status;
+}
+
 }  // namespace
 
 int Call::Int(const char* name) const { return static_cast<int>(values[ParamIndex(params, name)]); }
@@ -50,28 +84,281 @@ const std::vector<Operator>& Registry() {
        "255 - v on every sample; the fourth sample is kept",
        {},
        [](Call& c) { return QV_Invert(c.in(), c.out(), c.W(), c.H(), c.S()); }},
+      {"GammaCorrection",
+       "point operators",
+       "34",
+       "power curve on the three colour samples; Gamma below 1 brightens",
+       {{"Gamma", kFloat, 0.05, 20, 1, "exponent of (v / 255)"}},
+       [](Call& c) { return QV_GammaCorrection(c.in(), c.out(), c.W(), c.H(), c.S(), c.Float("Gamma")); },
+       "Gamma=0.6"},
+      {"Threshold",
+       "point operators",
+       "13",
+       "v > Threshold gives 255, else 0, each sample alike",
+       {{"Threshold", kInt, 0, 255, 127, "samples above it turn white (255 acts as 254)"}},
+       [](Call& c) { return QV_Threshold(c.in(), c.out(), c.W(), c.H(), c.S(), c.Int("Threshold")); }},
+      {"Lut2D",
+       "point operators",
+       "34",
+       "colour look-up through a 512 x 512 table image (8 x 8 tiles of 64 x 64)",
+       {{"Table", kImage, 3, 0, 1, "512 x 512 colour table; without it a built-in warm tone"}},
+       [](Call& c) {
+         const Image table = c.Given("Table") ? c.Img("Table") : WarmLut();
+         if (table.Width != 512 || table.Height != 512 || table.Channel != 3)
+           return c.Refuse("Table must be a 512 x 512 colour image");
+         c.Restart();
+         return QV_Lut2D(c.in(), table.ptr(), c.out(), c.W(), c.H(), c.S());
+       }},
+      {"AddImage",
+       "point operators",
+       "134",
+       "saturating sum of two images",
+       {{"Src2", kImage, 0, 0, 0, "second image, same size"}},
+       [](Call& c) { return QV_AddImage(c.in(), c.Img("Src2").ptr(), c.out(), c.W(), c.H(), c.S()); }},
+      {"SubtractImage",
+       "point operators",
+       "134",
+       "saturating difference Src - Src2",
+       {{"Src2", kImage, 0, 0, 0, "second image, same size"}},
+       [](Call& c) { return QV_SubtractImage(c.in(), c.Img("Src2").ptr(), c.out(), c.W(), c.H(), c.S()); }},
+      {"AbsDiffImage",
+       "point operators",
+       "134",
+       "absolute difference of two images",
+       {{"Src2", kImage, 0, 0, 0, "second image, same size"}},
+       [](Call& c) { return QV_AbsDiffImage(c.in(), c.Img("Src2").ptr(), c.out(), c.W(), c.H(), c.S()); }},
+      {"BlendTwoImage_LinearLight",
+       "point operators",
+       "134",
+       "linear-light blend of Src2 over the image",
+       {{"Src2", kImage, 0, 0, 0, "blend layer, same size"}},
+       [](Call& c) { return QV_BlendTwoImage_LinearLight(c.in(), c.Img("Src2").ptr(), c.out(), c.W(), c.H(), c.S()); }},
+      {"Exposal",
+       "point operators",
+       "134",
+       "solarisation: samples above 127 become 255 - v",
+       {},
+       [](Call& c) { return QV_Exposal(c.in(), c.out(), c.W(), c.H(), c.S()); }},
+      {"WhiteNoise",
+       "point operators",
+       "134",
+       "fills the image with noise from rand() (the input gives only the size)",
+       {},
+       [](Call& c) { return QV_WhiteNoise(c.out(), c.W(), c.H(), c.S()); }},
 
       // ---- brightness, contrast, vibrance
+      {"AdjustBrightnessAndContrast",
+       "brightness, contrast, vibrance",
+       "134",
+       "brightness shift and contrast around the image mean",
+       {{"Brightness", kInt, -255, 255, 0, "added to every sample"},
+        {"Contrast", kInt, -100, 100, 20, "-100 flattens to the mean, 100 thresholds at it"}},
+       [](Call& c) {
+         return QV_AdjustBrightnessAndContrast(c.in(), c.out(), c.W(), c.H(), c.S(), c.Int("Brightness"),
+                                               c.Int("Contrast"));
+       },
+       "Brightness=10 Contrast=40"},
+      {"Vibrance",
+       "brightness, contrast, vibrance",
+       "34",
+       "saturation change that favours weakly coloured pixels",
+       {{"Amount", kInt, -100, 100, 50, "positive boosts, negative mutes"}},
+       [](Call& c) { return QV_Vibrance(c.in(), c.out(), c.W(), c.H(), c.S(), c.Int("Amount")); },
+       "Amount=80"},
 
       // ---- histogram adjustments
+      {"AutoLevel",
+       "histogram adjustments",
+       "134",
+       "stretches each channel between its clipped extremes",
+       {{"Cutoff", kFloat, 0, 0.5, 0.005, "fraction of pixels clipped at each end"},
+        {"AdjustGamma", kBool, 0, 1, 0, "power curve that brings the mean to mid-gray"}},
+       [](Call& c) {
+         return QV_AutoLevel(c.in(), c.out(), c.W(), c.H(), c.S(), c.Float("Cutoff"), c.Flag("AdjustGamma"));
+       },
+       "Cutoff=0.01"},
+      {"AutoContrast",
+       "histogram adjustments",
+       "134",
+       "stretches all channels alike between common clipped extremes",
+       {{"Cutoff", kFloat, 0, 0.5, 0.005, "fraction of pixels clipped at each end"},
+        {"AdjustGamma", kBool, 0, 1, 0, "power curve that brings the mean to mid-gray"}},
+       [](Call& c) {
+         return QV_AutoContrast(c.in(), c.out(), c.W(), c.H(), c.S(), c.Float("Cutoff"), c.Flag("AdjustGamma"));
+       },
+       "Cutoff=0.01"},
+      {"AutoEnhanceColors",
+       "histogram adjustments",
+       "34",
+       "pushes each colour sample away from the pixel's lightness",
+       {},
+       [](Call& c) { return QV_AutoEnhanceColors(c.in(), c.out(), c.W(), c.H(), c.S()); }},
+      {"HistEqualize",
+       "histogram adjustments",
+       "134",
+       "histogram equalisation per channel, mixed with the identity",
+       {{"Linear", kBool, 0, 1, 0, "use the plain counts (0 damps peaks by a square root)"},
+        {"Strength", kInt, 0, 100, 100, "percent of the equalising curve"}},
+       [](Call& c) {
+         return QV_HistEqualize(c.in(), c.out(), c.W(), c.H(), c.S(), c.Flag("Linear"), c.Int("Strength"));
+       }},
+      {"HistgramMatching",
+       "histogram adjustments",
+       "134",
+       "maps each channel onto the histogram of a second image",
+       {{"Target", kImage, 0, 0, 0, "image whose histograms are matched"}},
+       [](Call& c) {
+         int hist[4][256] = {};
+         const Image& t = c.Img("Target");
+         for (size_t i = 0; i < t.data.size(); ++i) ++hist[i % t.Channel][t.data[i]];
+         c.Restart();
+         return QV_HistgramMatching(c.in(), c.out(), c.W(), c.H(), c.S(), hist[0], hist[t.Channel > 1 ? 1 : 0],
+                                    hist[t.Channel > 1 ? 2 : 0]);
+       }},
 
       // ---- luminance, desaturation
+      {"GetLuminance",
+       "luminance, desaturation",
+       "134",
+       "one luminance byte per pixel (a gray image)",
+       {{"RowPadded", kBool, 0, 1, 0, "rows padded to 4 bytes in the library's output (the file is packed)"}},
+       [](Call& c) {
+         const int step = c.Flag("RowPadded") ? ((c.W() * 8 + 31) / 32) * 4 : c.W();
+         Image padded = MakeImage(step, c.H(), 1);
+         const int status = QV_GetLuminance(c.in(), padded.ptr(), c.W(), c.H(), c.S(), c.Flag("RowPadded"));
+         c.dest = MakeImage(c.W(), c.H(), 1);
+         for (int y = 0; y < c.H(); ++y)
+           std::copy_n(padded.ptr() + size_t(y) * step, c.W(), c.out() + size_t(y) * c.W());
+         return status;
+       }},
+      {"Desaturate",
+       "luminance, desaturation",
+       "34",
+       "gray (max + min) / 2 in the colour samples",
+       {},
+       [](Call& c) { return QV_Desaturate(c.in(), c.out(), c.W(), c.H(), c.S()); }},
 
       // ---- white balance
 
       // ---- box mean
+      {"BoxBlur",
+       "box mean",
+       "134",
+       "mean of the square window, cost independent of the radius",
+       {{"Radius", kInt, 1, 1000, 5, "window half-side (limited to the image)"}},
+       [](Call& c) { return QV_BoxBlur(c.in(), c.out(), c.W(), c.H(), c.S(), c.Int("Radius")); },
+       "Radius=6"},
 
       // ---- exponential and Gaussian blur
+      {"ExpBlur",
+       "exponential and Gaussian blur",
+       "134",
+       "recursive one-pole blur along rows and columns",
+       {{"Radius", kInt, 1, 1000, 5, "decay length in pixels"}},
+       [](Call& c) { return QV_ExpBlur(c.in(), c.out(), c.W(), c.H(), c.S(), c.Int("Radius")); },
+       "Radius=6"},
+      {"GaussBlur",
+       "exponential and Gaussian blur",
+       "134",
+       "recursive Gaussian blur",
+       {{"Radius", kFloat, 0.01, 1000, 3, "standard deviation in pixels"}},
+       [](Call& c) { return QV_GaussBlur(c.in(), c.out(), c.W(), c.H(), c.S(), c.Float("Radius")); },
+       "Radius=4"},
 
       // ---- median
+      {"MedianBlur",
+       "median",
+       "134",
+       "percentile of the square window; 50 is the median",
+       {{"Radius", kInt, 1, 1000, 2, "window half-side"},
+        {"Percent", kInt, 0, 100, 50, "rank as a percentile (0 minimum, 100 maximum)"}},
+       [](Call& c) { return QV_MedianBlur(c.in(), c.out(), c.W(), c.H(), c.S(), c.Int("Radius"), c.Int("Percent")); },
+       "Radius=3"},
 
       // ---- guided filters
 
       // ---- global thresholds
+      {"GetOSTUThreshold",
+       "global thresholds",
+       "1",
+       "Otsu's threshold: the largest between-class variance",
+       {},
+       [](Call& c) { return MeasureThreshold(c, QV_GetOSTUThreshold); },
+       "",
+       Output::Measure},
+      {"GetMaxEntropyThreshold",
+       "global thresholds",
+       "1",
+       "threshold of the largest summed entropy of the two classes",
+       {},
+       [](Call& c) { return MeasureThreshold(c, QV_GetMaxEntropyThreshold); },
+       "",
+       Output::Measure},
+      {"GetIterativeBestThreshold",
+       "global thresholds",
+       "1",
+       "threshold at the mean of the two class means, iterated",
+       {},
+       [](Call& c) { return MeasureThreshold(c, QV_GetIterativeBestThreshold); },
+       "",
+       Output::Measure},
+      {"GetMinimumThreshold",
+       "global thresholds",
+       "1",
+       "threshold at the valley of the smoothed bimodal histogram",
+       {},
+       [](Call& c) { return MeasureThreshold(c, QV_GetMinimumThreshold); },
+       "",
+       Output::Measure},
+      {"GetHuangFuzzyThreshold",
+       "global thresholds",
+       "1",
+       "Huang's fuzzy-entropy threshold",
+       {},
+       [](Call& c) { return MeasureThreshold(c, QV_GetHuangFuzzyThreshold); },
+       "",
+       Output::Measure},
+      {"GetTriangleThreshold",
+       "global thresholds",
+       "1",
+       "triangle threshold: farthest bin from the peak-to-end line",
+       {},
+       [](Call& c) { return MeasureThreshold(c, QV_GetTriangleThreshold); },
+       "",
+       Output::Measure},
+      {"GetSimpleStatisticsThreshold",
+       "global thresholds",
+       "1",
+       "mean weighted by the local gradient",
+       {},
+       [](Call& c) { return MeasureThreshold(c, QV_GetSimpleStatisticsThreshold); },
+       "",
+       Output::Measure},
 
       // ---- gray morphology
+      {"MaxFilter",
+       "gray morphology",
+       "134",
+       "largest sample of the square window (gray dilation)",
+       {{"Radius", kInt, 0, 1000, 3, "window half-side"}},
+       [](Call& c) { return QV_MaxFilter(c.in(), c.out(), c.W(), c.H(), c.S(), c.Int("Radius")); }},
+      {"MinFilter",
+       "gray morphology",
+       "134",
+       "smallest sample of the square window (gray erosion)",
+       {{"Radius", kInt, 0, 1000, 3, "window half-side"}},
+       [](Call& c) { return QV_MinFilter(c.in(), c.out(), c.W(), c.H(), c.S(), c.Int("Radius")); }},
 
       // ---- copy, flip, rotate, transpose
+      {"Transpose",
+       "copy, flip, rotate, transpose",
+       "134",
+       "swaps rows and columns",
+       {},
+       [](Call& c) {
+         c.dest = MakeImage(c.H(), c.W(), c.src.Channel);
+         return QV_Transpose(c.in(), c.out(), c.W(), c.H(), c.S(), c.H(), c.W(), c.dest.Stride());
+       }},
 
       // ---- resample
 
@@ -87,7 +374,6 @@ const std::vector<Operator>& Registry() {
 
       // ---- edges and saliency
   };
-  (void)kInt, (void)kFloat, (void)kBool, (void)kImage;
   return table;
 }
 
@@ -128,9 +414,9 @@ RunResult RunOperator(const Operator& op, const Image& src, const std::vector<do
   for (int k = 0; k < (repeat < 1 ? 1 : repeat); ++k) {
     Image dest = src;
     Call call{src, dest, op.params, values, images, {}, false, {}};
-    const auto t0 = std::chrono::steady_clock::now();
+    call.Restart();
     const int status = op.run(call);
-    const double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
+    const double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - call.start).count();
     if (k == 0 || ms < r.ms) r.ms = ms;
     r.status = status;
     r.result = call.result;

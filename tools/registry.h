@@ -2,6 +2,7 @@
 // its parameters (type, range, default) and the call that runs it.
 #pragma once
 
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -32,6 +33,7 @@ struct Call {
   std::string result;
   bool illustrated = false;  // a measuring call that drew its result into dest for the gallery
   std::string refusal;       // why the tool itself refused the call (see Refuse)
+  std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
 
   int W() const { return src.Width; }
   int H() const { return src.Height; }
@@ -50,6 +52,9 @@ struct Call {
     return kRefused;
   }
   static constexpr int kRefused = -1000;
+  // Starts the clock again, so that the tool's own preparation (a built-in
+  // table, a histogram) is not counted in the library's time.
+  void Restart() { start = std::chrono::steady_clock::now(); }
 };
 
 enum class Output { Image, Measure };

@@ -86,7 +86,9 @@ inline __m128 LoadTwiddles(const FFTComplex* W, int k0, int k1) {
   const __m128d lo = _mm_load_sd(reinterpret_cast<const double*>(W + k0));
   return _mm_castpd_ps(_mm_loadh_pd(lo, reinterpret_cast<const double*>(W + k1)));
 }
-// -i * v and +i * v for pairs of bins.
+// Flips the sign of Im in both bins: with SwapReIm this makes -i * v.
+inline __m128 OddSign() { return _mm_castsi128_ps(_mm_set_epi32(int(0x80000000), 0, int(0x80000000), 0)); }
+// (Im, Re) of both bins.
 inline __m128 SwapReIm(__m128 v) { return _mm_shuffle_ps(v, v, _MM_SHUFFLE(2, 3, 0, 1)); }
 
 inline FFTComplex Mul(FFTComplex a, FFTComplex w) { return {a.Re * w.Re - a.Im * w.Im, a.Re * w.Im + a.Im * w.Re}; }
@@ -108,7 +110,6 @@ void Radix4Stage(FFTComplex* X, int N, int L, int dw, const FFTComplex* W) {
     }
     return;
   }
-  const __m128 odd_sign = _mm_castsi128_ps(_mm_set_epi32(int(0x80000000), 0, int(0x80000000), 0));
   for (int g = 0; g < N; g += span) {
     FFTComplex* x = X + g;
     for (int j = 0; j < L; j += 2) {
@@ -121,7 +122,7 @@ void Radix4Stage(FFTComplex* X, int N, int L, int dw, const FFTComplex* W) {
       const __m128 r0 = _mm_add_ps(a0, a1), r1 = _mm_sub_ps(a0, a1);
       const __m128 s = _mm_add_ps(a2, a3), d = SwapReIm(_mm_sub_ps(a2, a3));
       StorePair(x + j, _mm_add_ps(r0, s));
-      StorePair(x + j + L, _mm_add_ps(r1, _mm_xor_ps(d, odd_sign)));  // r1 - i*d
+      StorePair(x + j + L, _mm_add_ps(r1, _mm_xor_ps(d, OddSign())));  // r1 - i*d
       StorePair(x + j + 2 * L, _mm_sub_ps(r0, s));
       StorePair(x + j + 3 * L, _mm_addsub_ps(r1, d));  // r1 + i*d
     }
@@ -146,7 +147,58 @@ void Radix2Stage(FFTComplex* X, int N, int L, int dw, const FFTComplex* W) {
   }
 }
 
+// Two positions a step when L is even (every stage but a first odd one).
+void Radix3Pairs(FFTComplex* X, int N, int L, int dw, const FFTComplex* W) {
+  const __m128 c = _mm_set1_ps(0.8660254f), half = _mm_set1_ps(0.5f);
+  for (int g = 0; g < N; g += 3 * L) {
+    FFTComplex* x = X + g;
+    for (int j = 0; j < L; j += 2) {
+      const int k = j * dw;
+      const __m128 x0 = LoadPair(x + j);
+      const __m128 x1 = ComplexMul(LoadPair(x + j + L), LoadTwiddles(W, k, k + dw));
+      const __m128 x2 = ComplexMul(LoadPair(x + j + 2 * L), LoadTwiddles(W, 2 * k, 2 * (k + dw)));
+      const __m128 s = _mm_add_ps(x1, x2);
+      const __m128 d = SwapReIm(_mm_mul_ps(_mm_sub_ps(x1, x2), c));
+      const __m128 m = _mm_sub_ps(x0, _mm_mul_ps(half, s));
+      StorePair(x + j, _mm_add_ps(x0, s));
+      StorePair(x + j + L, _mm_add_ps(m, _mm_xor_ps(d, OddSign())));
+      StorePair(x + j + 2 * L, _mm_addsub_ps(m, d));
+    }
+  }
+}
+
+void Radix5Pairs(FFTComplex* X, int N, int L, int dw, const FFTComplex* W) {
+  const __m128 c1 = _mm_set1_ps(0.25f), c2 = _mm_set1_ps(0.559017f), c3 = _mm_set1_ps(0.95105654f);
+  const __m128 c4 = _mm_set1_ps(1.5388417f), c5 = _mm_set1_ps(0.36327127f);
+  for (int g = 0; g < N; g += 5 * L) {
+    FFTComplex* x = X + g;
+    for (int j = 0; j < L; j += 2) {
+      const int k = j * dw, k1 = k + dw;
+      const __m128 y0 = LoadPair(x + j);
+      const __m128 y1 = ComplexMul(LoadPair(x + j + L), LoadTwiddles(W, k, k1));
+      const __m128 y2 = ComplexMul(LoadPair(x + j + 2 * L), LoadTwiddles(W, 2 * k, 2 * k1));
+      const __m128 y3 = ComplexMul(LoadPair(x + j + 3 * L), LoadTwiddles(W, 3 * k, 3 * k1));
+      const __m128 y4 = ComplexMul(LoadPair(x + j + 4 * L), LoadTwiddles(W, 4 * k, 4 * k1));
+      const __m128 a = _mm_add_ps(y1, y4), b = _mm_add_ps(y2, y3);
+      const __m128 d1 = _mm_sub_ps(y1, y4), d2 = _mm_sub_ps(y2, y3);
+      const __m128 t = _mm_add_ps(a, b);
+      const __m128 t2 = _mm_sub_ps(y0, _mm_mul_ps(c1, t));
+      const __m128 t3 = _mm_mul_ps(_mm_sub_ps(a, b), c2);
+      const __m128 t4 = _mm_add_ps(t2, t3), t5 = _mm_sub_ps(t2, t3);
+      const __m128 m = _mm_mul_ps(c3, _mm_add_ps(d1, d2));
+      const __m128 s1 = SwapReIm(_mm_sub_ps(m, _mm_mul_ps(c5, d2)));
+      const __m128 s2 = SwapReIm(_mm_sub_ps(_mm_mul_ps(c4, d1), m));
+      StorePair(x + j, _mm_add_ps(y0, t));
+      StorePair(x + j + L, _mm_add_ps(t4, _mm_xor_ps(s1, OddSign())));
+      StorePair(x + j + 4 * L, _mm_addsub_ps(t4, s1));
+      StorePair(x + j + 2 * L, _mm_add_ps(t5, _mm_xor_ps(s2, OddSign())));
+      StorePair(x + j + 3 * L, _mm_addsub_ps(t5, s2));
+    }
+  }
+}
+
 void Radix3Stage(FFTComplex* X, int N, int L, int dw, const FFTComplex* W) {
+  if ((L & 1) == 0) return Radix3Pairs(X, N, L, dw, W);
   const float c = 0.8660254f;
   for (int g = 0; g < N; g += 3 * L) {
     FFTComplex* x = X + g;
@@ -168,6 +220,7 @@ void Radix3Stage(FFTComplex* X, int N, int L, int dw, const FFTComplex* W) {
 }
 
 void Radix5Stage(FFTComplex* X, int N, int L, int dw, const FFTComplex* W) {
+  if ((L & 1) == 0) return Radix5Pairs(X, N, L, dw, W);
   const float c1 = 0.25f, c2 = 0.559017f, c3 = 0.95105654f, c4 = 1.5388417f, c5 = 0.36327127f;
   for (int g = 0; g < N; g += 5 * L) {
     FFTComplex* x = X + g;

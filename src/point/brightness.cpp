@@ -7,6 +7,7 @@
 #include "frame/border.h"
 #include "frame/frame.h"
 #include "point/pixel_planes.h"
+#include "point/shuffle3.h"
 
 namespace qv {
 
@@ -170,9 +171,10 @@ int VibranceApply(const unsigned char* Src, unsigned char* Dest, int Width, int 
     unsigned char* d = Dest + size_t(y) * Stride;
     for (int x = 0; x < block_end; x += 16) {
       __m128i p[4];
-      if (Channel == 3)
-        qv::SplitPixels3(s + 3 * x, p[0], p[1], p[2]);
-      else
+      if (Channel == 3) {
+        const qv::Planes3 q = qv::Load3Planes(s + 3 * x);
+        p[0] = q.p0, p[1] = q.p1, p[2] = q.p2;
+      } else
         qv::SplitPixels4(s + 4 * x, p[0], p[1], p[2], p[3]);
       const __m128i m8 = _mm_max_epu8(_mm_max_epu8(p[0], p[1]), p[2]);
       __m128i out[2][3];
@@ -188,7 +190,7 @@ int VibranceApply(const unsigned char* Src, unsigned char* Dest, int Width, int 
       }
       for (int c = 0; c < 3; ++c) p[c] = _mm_packus_epi16(out[0][c], out[1][c]);
       if (Channel == 3)
-        qv::MergePixels3(d + 3 * x, p[0], p[1], p[2]);
+        qv::Store3Planes(d + 3 * x, p[0], p[1], p[2]);
       else
         qv::MergePixels4(d + 4 * x, p[0], p[1], p[2], p[3]);
     }

@@ -11,7 +11,9 @@
 
 #include "frame/border.h"
 #include "frame/frame.h"
+#include "point/convert.h"
 #include "point/pixel_planes.h"
+#include "point/shuffle3.h"
 
 namespace qv {
 
@@ -30,14 +32,6 @@ void PrepareDivideU16(int Divisor, uint16_t* Multiplier, int* Shift1, int* Shift
   *Shift2 = l;
 }
 
-namespace {
-
-// Scalar truncation with the processor's answer for NaN and out-of-range
-// values (the most negative integer) instead of undefined behaviour.
-inline int TruncToInt(double v) { return _mm_cvttsd_si32(_mm_set_sd(v)); }
-
-}  // namespace
-
 void BuildEqualizeCurve(const int* Histogram, unsigned char* Curve, int Linear) {
   double c[256];
   for (int i = 0; i < 256; ++i)
@@ -54,7 +48,7 @@ void BuildEqualizeCurve(const int* Histogram, unsigned char* Curve, int Linear) 
   double acc = c[0];
   for (int i = 1; i < 255; ++i) {
     acc += c[i];
-    Curve[i] = static_cast<unsigned char>(TruncToInt(scale * acc + 0.4999999));
+    Curve[i] = static_cast<unsigned char>(TruncateToInt(scale * acc + 0.4999999));
     acc += c[i];
   }
 }
@@ -64,7 +58,7 @@ void BuildEqualizeCurve(const int* Histogram, unsigned char* Curve, int Linear) 
 namespace {
 
 using qv::ClampToByte;
-using qv::TruncToInt;
+using qv::TruncateToInt;
 
 // Counts the Width samples of each row; four partial tables break the
 // store-to-load chains of runs of equal samples.
@@ -164,7 +158,7 @@ void PowerCurve(int Low, int High, double Gamma, unsigned char* Curve) {
       Curve[i] = 255;
     else
       Curve[i] = static_cast<unsigned char>(
-          ClampToByte(TruncToInt(255 * std::pow(static_cast<double>(i - Low) / (High - Low), Gamma))));
+          ClampToByte(TruncateToInt(255 * std::pow(static_cast<double>(i - Low) / (High - Low), Gamma))));
   }
 }
 
@@ -244,15 +238,16 @@ void StretchPixels(const unsigned char* Src, unsigned char* Dest, int Width, int
     unsigned char* d = Dest + size_t(y) * Stride;
     for (int x = 0; x < block_end; x += 16) {
       __m128i p0, p1, p2, p3;
-      if (Channel == 3)
-        qv::SplitPixels3(s + 3 * x, p0, p1, p2);
-      else
+      if (Channel == 3) {
+        const qv::Planes3 q = qv::Load3Planes(s + 3 * x);
+        p0 = q.p0, p1 = q.p1, p2 = q.p2;
+      } else
         qv::SplitPixels4(s + 4 * x, p0, p1, p2, p3);
       p0 = _mm_blendv_epi8(StretchBlock(p0, low0, div0), p0, keep0);
       p1 = _mm_blendv_epi8(StretchBlock(p1, low1, div1), p1, keep1);
       p2 = _mm_blendv_epi8(StretchBlock(p2, low2, div2), p2, keep2);
       if (Channel == 3)
-        qv::MergePixels3(d + 3 * x, p0, p1, p2);
+        qv::Store3Planes(d + 3 * x, p0, p1, p2);
       else
         qv::MergePixels4(d + 4 * x, p0, p1, p2, p3);
     }
@@ -404,9 +399,10 @@ extern "C" QV_API int QV_AutoEnhanceColors(const unsigned char* Src, unsigned ch
     unsigned char* d = Dest + size_t(y) * Stride;
     for (int x = 0; x < block_end; x += 16) {
       __m128i p[4];
-      if (Channel == 3)
-        qv::SplitPixels3(s + 3 * x, p[0], p[1], p[2]);
-      else
+      if (Channel == 3) {
+        const qv::Planes3 q = qv::Load3Planes(s + 3 * x);
+        p[0] = q.p0, p[1] = q.p1, p[2] = q.p2;
+      } else
         qv::SplitPixels4(s + 4 * x, p[0], p[1], p[2], p[3]);
       __m128i w[2][3];
       for (int c = 0; c < 3; ++c) {
@@ -421,7 +417,7 @@ extern "C" QV_API int QV_AutoEnhanceColors(const unsigned char* Src, unsigned ch
       }
       for (int c = 0; c < 3; ++c) p[c] = _mm_packus_epi16(w[0][c], w[1][c]);
       if (Channel == 3)
-        qv::MergePixels3(d + 3 * x, p[0], p[1], p[2]);
+        qv::Store3Planes(d + 3 * x, p[0], p[1], p[2]);
       else
         qv::MergePixels4(d + 4 * x, p[0], p[1], p[2], p[3]);
     }

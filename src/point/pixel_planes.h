@@ -1,48 +1,10 @@
-// Byte shuffles between interleaved pixels and planes of 16 samples: 16
-// three-byte pixels (48 bytes) or 16 four-byte pixels (64 bytes) at a time.
+// Byte shuffles between 16 four-byte pixels (64 bytes) and four planes of 16
+// samples; the three-byte counterpart is shuffle3.h.
 #pragma once
 
 #include <tmmintrin.h>
 
 namespace qv {
-
-// 48 bytes of B, G, R pixels into three planes of 16 samples.
-static inline void SplitPixels3(const unsigned char* Src, __m128i& P0, __m128i& P1, __m128i& P2) {
-  const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(Src));
-  const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(Src + 16));
-  const __m128i c = _mm_loadu_si128(reinterpret_cast<const __m128i*>(Src + 32));
-  P0 = _mm_or_si128(
-      _mm_or_si128(_mm_shuffle_epi8(a, _mm_setr_epi8(0, 3, 6, 9, 12, 15, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1)),
-                   _mm_shuffle_epi8(b, _mm_setr_epi8(-1, -1, -1, -1, -1, -1, 2, 5, 8, 11, 14, -1, -1, -1, -1, -1))),
-      _mm_shuffle_epi8(c, _mm_setr_epi8(-1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, 1, 4, 7, 10, 13)));
-  P1 = _mm_or_si128(
-      _mm_or_si128(_mm_shuffle_epi8(a, _mm_setr_epi8(1, 4, 7, 10, 13, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1)),
-                   _mm_shuffle_epi8(b, _mm_setr_epi8(-1, -1, -1, -1, -1, 0, 3, 6, 9, 12, 15, -1, -1, -1, -1, -1))),
-      _mm_shuffle_epi8(c, _mm_setr_epi8(-1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, 2, 5, 8, 11, 14)));
-  P2 = _mm_or_si128(
-      _mm_or_si128(_mm_shuffle_epi8(a, _mm_setr_epi8(2, 5, 8, 11, 14, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1)),
-                   _mm_shuffle_epi8(b, _mm_setr_epi8(-1, -1, -1, -1, -1, 1, 4, 7, 10, 13, -1, -1, -1, -1, -1, -1))),
-      _mm_shuffle_epi8(c, _mm_setr_epi8(-1, -1, -1, -1, -1, -1, -1, -1, -1, -1, 0, 3, 6, 9, 12, 15)));
-}
-
-// Three planes of 16 samples back into 48 bytes of pixels.
-static inline void MergePixels3(unsigned char* Dest, __m128i P0, __m128i P1, __m128i P2) {
-  const __m128i a = _mm_or_si128(
-      _mm_or_si128(_mm_shuffle_epi8(P0, _mm_setr_epi8(0, -1, -1, 1, -1, -1, 2, -1, -1, 3, -1, -1, 4, -1, -1, 5)),
-                   _mm_shuffle_epi8(P1, _mm_setr_epi8(-1, 0, -1, -1, 1, -1, -1, 2, -1, -1, 3, -1, -1, 4, -1, -1))),
-      _mm_shuffle_epi8(P2, _mm_setr_epi8(-1, -1, 0, -1, -1, 1, -1, -1, 2, -1, -1, 3, -1, -1, 4, -1)));
-  const __m128i b = _mm_or_si128(
-      _mm_or_si128(_mm_shuffle_epi8(P0, _mm_setr_epi8(-1, -1, 6, -1, -1, 7, -1, -1, 8, -1, -1, 9, -1, -1, 10, -1)),
-                   _mm_shuffle_epi8(P1, _mm_setr_epi8(5, -1, -1, 6, -1, -1, 7, -1, -1, 8, -1, -1, 9, -1, -1, 10))),
-      _mm_shuffle_epi8(P2, _mm_setr_epi8(-1, 5, -1, -1, 6, -1, -1, 7, -1, -1, 8, -1, -1, 9, -1, -1)));
-  const __m128i c = _mm_or_si128(
-      _mm_or_si128(_mm_shuffle_epi8(P0, _mm_setr_epi8(-1, 11, -1, -1, 12, -1, -1, 13, -1, -1, 14, -1, -1, 15, -1, -1)),
-                   _mm_shuffle_epi8(P1, _mm_setr_epi8(-1, -1, 11, -1, -1, 12, -1, -1, 13, -1, -1, 14, -1, -1, 15, -1))),
-      _mm_shuffle_epi8(P2, _mm_setr_epi8(10, -1, -1, 11, -1, -1, 12, -1, -1, 13, -1, -1, 14, -1, -1, 15)));
-  _mm_storeu_si128(reinterpret_cast<__m128i*>(Dest), a);
-  _mm_storeu_si128(reinterpret_cast<__m128i*>(Dest + 16), b);
-  _mm_storeu_si128(reinterpret_cast<__m128i*>(Dest + 32), c);
-}
 
 // Groups each 4-pixel vector by sample; the permutation is its own inverse.
 static inline __m128i GroupBySample4(__m128i v) {

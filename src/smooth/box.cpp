@@ -9,6 +9,7 @@
 #include "frame/frame.h"
 #include "frame/simd.h"
 #include "frame/window.h"
+#include "point/luminance.h"
 
 namespace qv {
 namespace {
@@ -155,4 +156,53 @@ extern "C" QV_API int QV_BoxBlur(const unsigned char* Src, unsigned char* Dest, 
                                  int Radius) {
   if (Radius >= 6) return qv::BoxBlurLargeRadius(Src, Dest, Width, Height, Stride, Radius);
   return qv::BoxBlurSmallRadius(Src, Dest, Width, Height, Stride, Radius);
+}
+
+// Whole-image mean. Channel 1 fills the whole run (padding included);
+// Channel 3 builds row 0 and copies Stride bytes of it to every row (row 0's
+// padding goes with it); Channel 4 keeps the fourth sample of Src.
+extern "C" QV_API int QV_AverageBlur(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride) {
+  const int Channel = qv::DeriveChannel(Stride, Width);
+  if (Src == nullptr || Dest == nullptr) return STATUS_NULL_REFERENCE;
+  if (Width < 1 || Height < 1) return STATUS_INVALID_PARAMETER;
+  if (!qv::IsChannel134(Channel)) return STATUS_NOT_SUPPORTED;
+  int mean[4];
+  const int status = qv::ImageChannelMeans(Src, Width, Height, Stride, &mean[0], &mean[1], &mean[2], &mean[3]);
+  if (status != STATUS_OK) return status;
+  const unsigned char b = static_cast<unsigned char>(mean[0]), g = static_cast<unsigned char>(mean[1]),
+                      r = static_cast<unsigned char>(mean[2]);
+  if (Channel == 1) {
+    std::memset(Dest, b, qv::RunBytes(Height, Stride));
+    return STATUS_OK;
+  }
+  if (Channel == 3) {
+    alignas(16) unsigned char pattern[48];
+    for (int i = 0; i < 16; ++i) {
+      pattern[3 * i] = b;
+      pattern[3 * i + 1] = g;
+      pattern[3 * i + 2] = r;
+    }
+    int x = 0;
+    for (; x + 16 <= Width; x += 16) std::memcpy(Dest + 3 * x, pattern, 48);
+    for (; x < Width; ++x) std::memcpy(Dest + 3 * x, pattern, 3);
+    for (int y = 1; y < Height; ++y) std::memcpy(Dest + static_cast<ptrdiff_t>(y) * Stride, Dest, Stride);
+    return STATUS_OK;
+  }
+  const __m128i colour = _mm_set1_epi32(static_cast<int>(b | g << 8 | r << 16));
+  const __m128i fourth = _mm_set1_epi32(static_cast<int>(0xFF000000u));
+  for (int y = 0; y < Height; ++y) {
+    const unsigned char* s = Src + static_cast<ptrdiff_t>(y) * Stride;
+    unsigned char* d = Dest + static_cast<ptrdiff_t>(y) * Stride;
+    int x = 0;
+    for (; x + 16 <= Width; x += 16)
+      for (int k = 0; k < 64; k += 16)
+        qv::Store16Bytes(d + 4 * x + k, _mm_or_si128(_mm_and_si128(qv::Load16Bytes(s + 4 * x + k), fourth), colour));
+    for (; x < Width; ++x) {
+      d[4 * x] = b;
+      d[4 * x + 1] = g;
+      d[4 * x + 2] = r;
+      d[4 * x + 3] = s[4 * x + 3];
+    }
+  }
+  return STATUS_OK;
 }

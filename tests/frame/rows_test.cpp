@@ -325,6 +325,24 @@ TEST(WindowSkeleton, RowsRepeatTheEdgeColumnsDoNot) {
   EXPECT_EQ(run.sums[0], expect);
 }
 
+TEST(WindowSkeleton, FirstRowOverManyRows) {
+  // 2R + 1 = 601 rows: more than one run of 257 rows in 16-bit partial sums.
+  for (int c : {1, 3, 4})
+    for (int w : {1, 5, 6, 16, 21, 37}) {
+      const int h = 310, R = 300;
+      auto im = qvt::MakeImage(w, h, c, w > 3 ? 2 : 0);
+      std::vector<int> table(qv::WindowRowTableCount(h, R));
+      qv::FillRowTable(table.data(), h, R);
+      std::vector<int32_t> cols(size_t(w) * c, -1);
+      qv::ColumnSumsFirstRow<int32_t, 1>(cols.data(), im.ptr(), im.Stride, w, c, table.data(), R);
+      for (int i = 0; i < w * c; ++i) {
+        int32_t e = 0;
+        for (int k = 0; k <= 2 * R; ++k) e += im.data[size_t(table[k]) * im.Stride + i];
+        ASSERT_EQ(cols[i], e) << "channels " << c << " width " << w << " sample " << i;
+      }
+    }
+}
+
 TEST(WindowSkeleton, FloatImageRunningSumOrder) {
   // Float images: the model follows the text step by step, with the float
   // vertical update C += a - b, the first sum by SumRowF32 (double), float

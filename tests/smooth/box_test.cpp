@@ -230,4 +230,84 @@ TEST(BoxBlurDeathTest, ZeroWidthFaultsOnBothPaths) {
   EXPECT_EXIT(QV_BoxBlur(nullptr, buf, w, 0, 4, 9), ::testing::KilledBySignal(SIGFPE), "");
 }
 
+// ---- whole-image mean ---------------------------------------------------------
+
+// Means as rounded doubles of 32-bit sums; the fill rules per channel count.
+qvt::Bytes AverageModel(const qvt::Image& src, const qvt::Bytes& dest) {
+  const int W = src.Width, H = src.Height, C = src.Channel;
+  int mean[4];
+  for (int c = 0; c < C; ++c) {
+    uint32_t s = 0;
+    for (int y = 0; y < H; ++y)
+      for (int x = 0; x < W; ++x) s += src.at(x, y, c);
+    mean[c] = int(double(int32_t(s)) / (double(W) * H) + 0.5);
+  }
+  qvt::Bytes out = dest;
+  if (C == 1) {
+    std::fill(out.begin(), out.end(), uint8_t(mean[0]));  // padding too
+  } else if (C == 3) {
+    for (int x = 0; x < W; ++x)
+      for (int c = 0; c < 3; ++c) out[3 * x + c] = uint8_t(mean[c]);
+    for (int y = 1; y < H; ++y) std::copy(out.begin(), out.begin() + src.Stride, out.begin() + size_t(y) * src.Stride);
+  } else {
+    for (int y = 0; y < H; ++y)
+      for (int x = 0; x < W; ++x)
+        for (int c = 0; c < 4; ++c)
+          out[size_t(y) * src.Stride + 4 * x + c] = c == 3 ? src.at(x, y, 3) : uint8_t(mean[c]);
+  }
+  return out;
+}
+
+TEST(AverageBlur, MatchesModelOnEveryShape) {
+  for (const auto& s : qvt::TailShapes({1, 3, 4})) {
+    auto src = qvt::MakeImage(s.Width, s.Height, s.Channel, s.Pad);
+    auto dst = qvt::MakeImage(s.Width, s.Height, s.Channel, s.Pad);
+    const auto expect = AverageModel(src, dst.data);
+    ASSERT_EQ(QV_AverageBlur(src.ptr(), dst.ptr(), s.Width, s.Height, src.Stride), STATUS_OK);
+    ASSERT_TRUE(qvt::SameBytes(expect, dst.data, src.Stride)) << qvt::ToString(s);
+  }
+}
+
+TEST(AverageBlur, PaddingRules) {
+  // Channel 1 overwrites padding; Channel 3 repeats row 0's padding below;
+  // Channel 4 keeps the fourth sample where QV_BoxBlur filters it.
+  auto g = qvt::MakeImage(5, 3, 1, 2), gd = qvt::MakeImage(5, 3, 1, 2);
+  ASSERT_EQ(QV_AverageBlur(g.ptr(), gd.ptr(), 5, 3, 7), STATUS_OK);
+  EXPECT_EQ(gd.data[5], gd.data[0]);
+  auto c3 = qvt::MakeImage(5, 3, 3, 2), c3d = qvt::MakeImage(5, 3, 3, 2);
+  const uint8_t pad0 = c3d.data[15];
+  ASSERT_EQ(QV_AverageBlur(c3.ptr(), c3d.ptr(), 5, 3, 17), STATUS_OK);
+  EXPECT_EQ(c3d.data[2 * 17 + 15], pad0);
+  auto c4 = qvt::MakeImage(6, 2, 4), c4d = qvt::MakeImage(6, 2, 4);
+  ASSERT_EQ(QV_AverageBlur(c4.ptr(), c4d.ptr(), 6, 2, 24), STATUS_OK);
+  for (int x = 0; x < 6; ++x) EXPECT_EQ(c4d.at(x, 1, 3), c4.at(x, 1, 3));
+}
+
+TEST(AverageBlur, FrameOrder) {
+  unsigned char src[64] = {}, dst[64];
+  struct Case {
+    const char* what;
+    const unsigned char* s;
+    unsigned char* d;
+    int w, h, stride, expect;
+  } cases[] = {
+      {"null src before sizes", nullptr, dst, 4, 0, 8, STATUS_NULL_REFERENCE},
+      {"null dest before sizes", src, nullptr, 4, 0, 8, STATUS_NULL_REFERENCE},
+      {"height 0 before channel", src, dst, 4, 0, 8, STATUS_INVALID_PARAMETER},
+      {"channel 2", src, dst, 4, 2, 8, STATUS_NOT_SUPPORTED},
+      {"channel 5", src, dst, 2, 2, 10, STATUS_NOT_SUPPORTED},
+  };
+  for (auto& c : cases) {
+    std::memset(dst, 0xA5, sizeof dst);
+    EXPECT_EQ(QV_AverageBlur(c.s, c.d, c.w, c.h, c.stride), c.expect) << c.what;
+    for (unsigned char v : dst) ASSERT_EQ(v, 0xA5) << c.what << ": Dest touched";
+  }
+}
+
+TEST(AverageBlurDeathTest, ZeroWidthFaults) {
+  unsigned char buf[16] = {};
+  volatile int w = 0;
+  EXPECT_EXIT(QV_AverageBlur(nullptr, buf, w, 0, 4), ::testing::KilledBySignal(SIGFPE), "");
+}
+
 }  // namespace
