@@ -258,6 +258,10 @@ QV_API int QV_UnsharpMask_PS(const unsigned char* Src, unsigned char* Dest, int 
  * Src may equal Dest. */
 QV_API int QV_MultiScaleSharpen(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride,
                                 int Radius);
+/* Detail over the self-guided filter amplified about (Amount + 100) / 100 times;
+ * Amount >= 0, limited to 3996. Src must not be Dest. */
+QV_API int QV_EdgePreservedSharpen(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride,
+                                   int Amount);
 
 /* ---- edges and saliency ---------------------------------------------------- */
 
