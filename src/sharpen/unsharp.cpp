@@ -30,15 +30,18 @@ inline __m128i UnsharpBody8(__m128i S, __m128i B, __m128i T, __m128i NegT, __m12
   __m128i e = _mm_blendv_epi8(d, _mm_add_epi16(d, T), low);
   e = _mm_blendv_epi8(e, _mm_sub_epi16(d, T), high);
   const __m128i g = _mm_blendv_epi8(S, _mm_sub_epi16(_mm_set1_epi16(255), S), high);
+  const __m128i zero = _mm_setzero_si128();
   __m128i r[2];
   for (int h = 0; h < 2; ++h) {
-    const __m128i e32 = _mm_cvtepi16_epi32(h == 0 ? e : _mm_srli_si128(e, 8));
-    const __m128i g32 = _mm_cvtepu16_epi32(h == 0 ? g : _mm_srli_si128(g, 8));
-    const __m128i s32 = _mm_cvtepu16_epi32(h == 0 ? S : _mm_srli_si128(S, 8));
+    // Sign-extended e and zero-extended g to 32-bit lanes.
+    const __m128i e32 = _mm_srai_epi32(h == 0 ? _mm_unpacklo_epi16(e, e) : _mm_unpackhi_epi16(e, e), 16);
+    const __m128i g32 = h == 0 ? _mm_unpacklo_epi16(g, zero) : _mm_unpackhi_epi16(g, zero);
     const __m128 v = _mm_mul_ps(_mm_sqrt_ps(_mm_cvtepi32_ps(g32)), _mm_mul_ps(_mm_cvtepi32_ps(e32), Scale));
-    r[h] = _mm_add_epi32(s32, _mm_cvtps_epi32(v));
+    r[h] = _mm_cvtps_epi32(v);
   }
-  return _mm_packs_epi32(r[0], r[1]);
+  // Saturating s + r in 16 bits gives the same bytes as the 32-bit sum: once r
+  // saturates, so does the sum, on the same side.
+  return _mm_adds_epi16(S, _mm_packs_epi32(r[0], r[1]));
 }
 
 // Threshold saturated to the 16-bit lanes of QV_UnsharpMask_PS's body.
