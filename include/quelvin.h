@@ -208,7 +208,30 @@ QV_API int QV_Resample(const unsigned char* Src, unsigned char* Dest, int SrcWid
 
 /* ---- dehazing -------------------------------------------------------------- */
 
+/* Dark-channel prior: atmospheric light from the top percent of the dark channel (each limited to
+ * AtmosphericLimit), transmission 1 - Omega * dark / A refined by a guided filter on a 20% grid and held
+ * above MinTransmission (0..1), recovery, then a gamma curve; 3 or 4 channels (the fourth byte is kept).
+ * GuideRadius below 5 is refused by the guided filter (status 1) unless the image is too small to reduce.
+ * Src may equal Dest. */
+QV_API int QV_HazeRemovalBasedOnDarkChannelPrior(const unsigned char* Src, unsigned char* Dest, int Width, int Height,
+                                                 int Stride, int DarkRadius, int GuideRadius, int AtmosphericLimit,
+                                                 float Omega, float MinTransmission, float Gamma);
+
 /* ---- Retinex --------------------------------------------------------------- */
+
+/* Multi-scale Retinex on the luminance: ScaleCount Gaussian surrounds up to MaxSigma, log ratio clipped
+ * at the ClipShare (fraction of 1) percentiles at both ends, brought back to colour with a gain of at
+ * most 4; 1, 3 or 4 channels (4 is walked as 3-byte pixels). */
+QV_API int QV_Retinex(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, int MaxSigma,
+                      int ScaleCount, float ClipShare);
+/* Adaptive logarithmic tone mapping of the luminance around its log mean; ClipShare as in QV_Retinex,
+ * 0 skips the clipping. */
+QV_API int QV_ALTM_Retinex(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride,
+                           float ClipShare);
+/* Iterative ratio-product-reset-average Retinex per channel on 16-bit log planes (Iterations >= 1);
+ * 1 or 3 channels. Exhausted memory returns STATUS_OK with Dest unwritten. */
+QV_API int QV_FrankleMccannRetinex(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride,
+                                   int Iterations);
 
 /* ---- frequency filters ----------------------------------------------------- */
 
@@ -231,6 +254,16 @@ QV_API int QV_BandPassFilter(const unsigned char* Src, unsigned char* Dest, int 
                              int FilterLarge, int FilterSmall, int StripeMode, int StripeTolerance);
 
 /* ---- pyramids -------------------------------------------------------------- */
+
+/* Number of pyramid levels (halvings of min(Width, Height) while the half is
+ * at least MinSize, plus one); 0 when an argument is below 1 or the image is
+ * smaller than MinSize. Returns a count, not a status. */
+QV_API int QV_GetMaxPyramidLevel(int Width, int Height, int MinSize);
+/* Experimental detail boost: a float Laplace pyramid of up to Levels levels
+ * whose bands become 4 * sign(x) * |x|^0.6, collapsed again. Src is not
+ * tested; rows are walked as three samples a pixel whatever the layout. */
+QV_API int LaplacePyramidTest(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride,
+                              int Levels);
 
 /* ---- sharpening ------------------------------------------------------------ */
 
@@ -264,6 +297,22 @@ QV_API int QV_EdgePreservedSharpen(const unsigned char* Src, unsigned char* Dest
                                    int Amount);
 
 /* ---- edges and saliency ---------------------------------------------------- */
+
+/* Sobel gradient magnitude of every sample (1, 3 or 4 channels, the fourth
+ * too); the edge pixels and rows are repeated. Src may equal Dest. */
+QV_API int QV_Sobel(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride);
+/* Canny edges (0 or 255) of a single-channel image, without smoothing.
+ * Thresholds compare with |gx| + |gy|, or with the Euclidean norm when
+ * UseL2Norm is set; InterpolateNms == 1 interpolates the suppression; a
+ * non-zero TrackEdges follows weak chains from strong pixels. Width 0 is
+ * status 1. Src may equal Dest. */
+QV_API int QV_Canny(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, int LowThreshold,
+                    int HighThreshold, unsigned char UseL2Norm, unsigned char InterpolateNms, unsigned char TrackEdges);
+/* Frequency-tuned saliency map of a 3-channel image into a single-channel
+ * Dest with rows of Width bytes, or of Width rounded up to 4 when RowPadded
+ * is set. A 4-channel image gives status 1, other layouts 5. */
+QV_API int QV_SalientRegionDetection_FT(const unsigned char* Src, unsigned char* Dest, int Width, int Height,
+                                        int Stride, unsigned char RowPadded);
 
 #ifdef __cplusplus
 }
