@@ -267,6 +267,35 @@ QV_API int LaplacePyramidTest(const unsigned char* Src, unsigned char* Dest, int
 
 /* ---- sharpening ------------------------------------------------------------ */
 
+/* 3x3 sharpen from the four diagonal neighbours, (8 c - nw - ne - sw - se) >> 2;
+ * edges replicated. Src may equal Dest. */
+QV_API int QV_Sharpen(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride);
+/* Pushes each sample by the gap between the 3x3 neighbours nearest to and
+ * farthest from their mean; Amount 0..100 (limited). Src may equal Dest. */
+QV_API int QV_RadiusSharpen3X3(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride,
+                               int Amount);
+/* Src - exponential blur + 128 over the whole run. Src must not be Dest. */
+QV_API int QV_HighPass(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, int Radius);
+/* High pass (desaturated when in colour) overlaid on Src. Src must not be Dest. */
+QV_API int QV_HighPassSharpen(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride,
+                              int Radius);
+/* Unsharp mask on the exponential blur, detail weighted by the square root of
+ * the headroom; Amount in per cent, Threshold in levels. Src must not be Dest. */
+QV_API int QV_UnsharpMask(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, int Radius,
+                          int Amount, int Threshold);
+/* Unsharp mask with a threshold, Amount 0..4096 per cent (limited). Src must
+ * not be Dest. */
+QV_API int QV_UnsharpMask_PS(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride,
+                             int Radius, int Amount, int Threshold);
+/* Detail of three exponential blurs (Radius, 2 Radius, 4 Radius) added back.
+ * Src may equal Dest. */
+QV_API int QV_MultiScaleSharpen(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride,
+                                int Radius);
+/* Detail over the self-guided filter amplified about (Amount + 100) / 100 times;
+ * Amount >= 0, limited to 3996. Src must not be Dest. */
+QV_API int QV_EdgePreservedSharpen(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride,
+                                   int Amount);
+
 /* ---- edges and saliency ---------------------------------------------------- */
 
 /* Sobel gradient magnitude of every sample (1, 3 or 4 channels, the fourth
