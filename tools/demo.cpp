@@ -33,6 +33,8 @@ struct Shot {
   std::string result;  // measuring operators
   std::string input;   // which form of the sample it was given
   std::string refusal;
+  std::string input_file;  // the input, when it is not one of the photograph's plain forms
+  bool split = false;      // the thumbnail shows the input's left half beside the result's right half
   Image thumb;
 };
 
@@ -118,6 +120,20 @@ void Blit(Image& c, const Image& im, int x, int y) {
   }
 }
 
+// Left half from one image, right half from the other (same size and channels),
+// with a light seam between them.
+Image BeforeAfter(const Image& before, const Image& after) {
+  Image out = after;
+  const int half = out.Width / 2, c = out.Channel;
+  for (int y = 0; y < out.Height; ++y) {
+    unsigned char* row = out.ptr() + size_t(y) * out.Stride();
+    std::copy_n(before.ptr() + size_t(y) * before.Stride(), size_t(half) * c, row);
+    for (int x = std::max(half - 1, 0); x < std::min(half + 1, out.Width); ++x)
+      std::fill_n(row + size_t(x) * c, c, 255);
+  }
+  return out;
+}
+
 Image Thumbnail(const Image& im, int box_w, int box_h) {
   const double s = std::min(double(box_w) / im.Width, double(box_h) / im.Height);
   const int w = std::max(1, int(im.Width * s + 0.5)), h = std::max(1, int(im.Height * s + 0.5));
@@ -126,6 +142,7 @@ Image Thumbnail(const Image& im, int box_w, int box_h) {
 
 // ---- layout ----------------------------------------------------------------
 
+constexpr int kRepeat = 3;
 constexpr int kColumns = 5, kThumbW = 240, kThumbH = 160, kPad = 12;
 constexpr int kCellW = kThumbW + 2 * kPad, kCellH = kThumbH + 92;
 constexpr int kMargin = 24, kTitleH = 84, kFamilyH = 34;
@@ -139,7 +156,7 @@ void DrawCell(Image& sheet, int x, int y, const Shot& s) {
   const int label_x = x + kPad - 4, label_y = y + kPad - 4 + kThumbH + 8, text_w = kThumbW;
   const std::vector<std::string> lines = NameLines(s.op ? s.op->name : "original", 2, text_w);
   for (size_t k = 0; k < lines.size(); ++k) DrawText(sheet, label_x, label_y + int(k) * 18, lines[k], 2, kText);
-  std::string sub = s.params;
+  std::string sub = s.split ? "input | result " + s.params : s.params;
   if (s.status != 0)
     sub = s.refusal.empty() ? StatusName(s.status) : s.refusal;
   else if (!s.result.empty())
@@ -243,8 +260,9 @@ std::string IndexPage(const std::string& sample, const std::vector<Shot>& shots)
     h << "<figure>";
     if (!s.file.empty())
       h << "<a href=\"" << s.file << "\"><img src=\"" << s.file << "\" alt=\"" << s.op->name << "\"></a>";
-    h << "<figcaption><b>QV_" << Html(s.op->name) << "</b><br>" << Html(s.op->help) << "<br><span class=\"dim\">"
-      << Html(s.input) << (s.params.empty() ? "" : ", <code>" + Html(s.params) + "</code>") << "</span><br>";
+    h << "<figcaption><b>" << Html(ExportName(*s.op)) << "</b><br>" << Html(s.op->help) << "<br><span class=\"dim\">"
+      << (s.input_file.empty() ? Html(s.input) : "<a href=\"" + s.input_file + "\">" + Html(s.input) + "</a>")
+      << (s.params.empty() ? "" : ", <code>" + Html(s.params) + "</code>") << "</span><br>";
     if (s.status != 0) {
       h << "<span class=\"bad\">" << (s.refusal.empty() ? StatusName(s.status) : Html(s.refusal)) << " (" << s.status
         << ")</span>";
@@ -286,6 +304,9 @@ int RunDemo(const std::string& outdir, const std::string& input) {
   const Image gray = ConvertChannels(color, 1), bgra = ConvertChannels(color, 4);
   Image binary = gray;
   for (unsigned char& v : binary.data) v = v >= 128 ? 255 : 0;
+  // The photograph seen through haze: 55% of it over a bright, even veil.
+  Image hazy = color;
+  for (unsigned char& v : hazy.data) v = static_cast<unsigned char>(v * 0.55 + 225 * 0.45 + 0.5);
 
   std::error_code ec;
   fs::create_directories(outdir, ec);
@@ -306,6 +327,11 @@ int RunDemo(const std::string& outdir, const std::string& input) {
     s.input = "colour";
     if (op.binary_input && AcceptsChannel(op, 1)) {
       src = &binary, s.input = "two-level gray";
+    } else if (op.hazy_input && AcceptsChannel(op, 3)) {
+      src = &hazy, s.input = "hazed colour";
+      s.input_file = std::string(op.name) + "-input.png";
+      if (!WriteImage((dir / s.input_file).string(), hazy, 95, &error))
+        return std::fprintf(stderr, "quelvin: %s\n", error.c_str()), 3;
     } else if (!AcceptsChannel(op, 3)) {
       if (AcceptsChannel(op, 1))
         src = &gray, s.input = "gray";
@@ -325,7 +351,8 @@ int RunDemo(const std::string& outdir, const std::string& input) {
     for (size_t k = 0; k < op.params.size(); ++k)
       if (op.params[k].type == ParamType::Image && op.params[k].def == 0)
         images[k] = ConvertChannels(second, src->Channel);
-    const RunResult r = RunOperator(op, *src, pp.values, images);
+    // The fastest of a few calls: one call on a busy machine can take ten times as long.
+    const RunResult r = RunOperator(op, *src, pp.values, images, kRepeat);
     s.status = r.status;
     s.ms = r.ms;
     s.result = r.result;
@@ -338,7 +365,9 @@ int RunDemo(const std::string& outdir, const std::string& input) {
       s.file = std::string(op.name) + ".png";
       if (!WriteImage((dir / s.file).string(), r.dest, 95, &error))
         return std::fprintf(stderr, "quelvin: %s\n", error.c_str()), 3;
-      s.thumb = Thumbnail(r.dest, kThumbW, kThumbH);
+      s.split = !s.input_file.empty() && r.dest.Width == src->Width && r.dest.Height == src->Height &&
+                r.dest.Channel == src->Channel;
+      s.thumb = Thumbnail(s.split ? BeforeAfter(*src, r.dest) : r.dest, kThumbW, kThumbH);
     }
     shots.push_back(std::move(s));
   }
@@ -349,7 +378,8 @@ int RunDemo(const std::string& outdir, const std::string& input) {
       fs::path(sample).filename().string() + ", " + std::to_string(color.Width) + " x " + std::to_string(color.Height);
   const std::string title =
       "Quelvin: " + std::to_string(shots.size()) + (shots.size() == 1 ? " operator" : " operators");
-  const std::string subtitle = "time per call on this image; full-size results in index.html";
+  const std::string subtitle =
+      "fastest of " + std::to_string(kRepeat) + " calls on this image; full-size results in index.html";
   const Image sheet = ContactSheet(title, subtitle, original, shots);
   if (!WriteImage((dir / "contact-sheet.png").string(), sheet, 95, &error))
     return std::fprintf(stderr, "quelvin: %s\n", error.c_str()), 3;

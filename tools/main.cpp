@@ -50,7 +50,7 @@ std::string ChannelList(const char* channels) {
 }
 
 void PrintOperator(const Operator& op) {
-  std::printf("  %-32s channels %-6s %s%s\n", op.name, ChannelList(op.channels).c_str(), op.help,
+  std::printf("  %-34s channels %-6s %s%s\n", op.name, ChannelList(op.channels).c_str(), op.help,
               op.output == Output::Measure ? " (measures; no OUT)" : "");
   for (const Param& p : op.params) {
     const std::string def = p.type != ParamType::Image ? "default " + ValueText(p, p.def)

@@ -66,6 +66,7 @@ int MeasureThreshold(Call& c, int (*fn)(const unsigned char*, int, int, int, int
   constexpr int kUnwritten = -1;
   int t = kUnwritten;
   const int status = fn(c.in(), c.W(), c.H(), c.S(), &t);
+  c.Stop();
   if (status != STATUS_OK) return status;
   if (t == kUnwritten) {
     c.result = "no threshold written (the operator leaves it alone for this histogram)";
@@ -75,6 +76,41 @@ int MeasureThreshold(Call& c, int (*fn)(const unsigned char*, int, int, int, int
   for (size_t i = 0; i < c.dest.data.size(); ++i) c.dest.data[i] = c.src.data[i] > t ? 255 : 0;
   c.illustrated = true;
   return status;
+}
+
+// Operators with one byte a pixel out, in rows of Width bytes or, when the
+// call's RowPadded is set, of Width rounded up to 4; the file gets packed rows.
+template <class Fn>
+int WritePlane(Call& c, Fn fn) {
+  const int step = c.Flag("RowPadded") ? ((c.W() * 8 + 31) / 32) * 4 : c.W();
+  Image padded = MakeImage(step, c.H(), 1);
+  const int status = fn(padded.ptr());
+  c.dest = MakeImage(c.W(), c.H(), 1);
+  for (int y = 0; y < c.H(); ++y) std::copy_n(padded.ptr() + size_t(y) * step, c.W(), c.out() + size_t(y) * c.W());
+  return status;
+}
+
+// The level count is a measure; the gallery shows that many halvings of the
+// image (resized by the tool, not the library's reduce) in the usual layout.
+int MeasurePyramid(Call& c, int MinSize) {
+  const int n = QV_GetMaxPyramidLevel(c.W(), c.H(), MinSize);
+  c.Stop();
+  c.result = std::to_string(n) + (n == 1 ? " level" : " levels");
+  if (n < 1) return STATUS_OK;
+  c.dest = MakeImage(c.W() + (n > 1 ? (c.W() + 1) / 2 : 0), c.H(), c.src.Channel, 44);
+  Image level = c.src;
+  for (int k = 0, x = 0, y = 0; k < n; ++k) {
+    if (k > 0) level = ResizeImage(level, (level.Width + 1) / 2, (level.Height + 1) / 2);
+    for (int r = 0; r < level.Height && y + r < c.dest.Height; ++r)  // a tall, narrow image can overrun
+      std::copy_n(level.ptr() + size_t(r) * level.Stride(), level.Stride(),
+                  c.out() + size_t(y + r) * c.dest.Stride() + size_t(x) * c.src.Channel);
+    if (k == 0)
+      x = c.W();
+    else
+      y += level.Height;
+  }
+  c.illustrated = true;
+  return STATUS_OK;
 }
 
 }  // namespace
@@ -232,13 +268,9 @@ const std::vector<Operator>& Registry() {
        "one luminance byte per pixel (a gray image)",
        {{"RowPadded", kBool, 0, 1, 0, "rows padded to 4 bytes in the library's output (the file is packed)"}},
        [](Call& c) {
-         const int step = c.Flag("RowPadded") ? ((c.W() * 8 + 31) / 32) * 4 : c.W();
-         Image padded = MakeImage(step, c.H(), 1);
-         const int status = QV_GetLuminance(c.in(), padded.ptr(), c.W(), c.H(), c.S(), c.Flag("RowPadded"));
-         c.dest = MakeImage(c.W(), c.H(), 1);
-         for (int y = 0; y < c.H(); ++y)
-           std::copy_n(padded.ptr() + size_t(y) * step, c.W(), c.out() + size_t(y) * c.W());
-         return status;
+         return WritePlane(c, [&](unsigned char* plane) {
+           return QV_GetLuminance(c.in(), plane, c.W(), c.H(), c.S(), c.Flag("RowPadded"));
+         });
        }},
       {"Desaturate",
        "luminance, desaturation",
@@ -302,13 +334,14 @@ const std::vector<Operator>& Registry() {
        "guided filters",
        "134",
        "edge-preserving smoothing that keeps the edges of a guide image",
-       {{"Guide", kImage, 0, 0, 0, "guide image, same size"},
+       {{"Guide", kImage, 0, 0, 1, "guide image, same size; without it the image itself"},
         {"Radius", kInt, 1, 10000, 8, "window radius (raised to 4, limited to the image)"},
         {"ScaleRatio", kInt, 10, 100, 50, "working grid in percent of the image size"},
         {"Eps", kFloat, 0, 255, 20, "regularisation as a deviation in grey levels"}},
        [](Call& c) {
-         return QV_GuidedFilter(c.in(), c.Img("Guide").ptr(), c.out(), c.W(), c.H(), c.S(), c.Int("Radius"),
-                                c.Int("ScaleRatio"), c.Float("Eps"));
+         const unsigned char* guide = c.Given("Guide") ? c.Img("Guide").ptr() : c.in();
+         return QV_GuidedFilter(c.in(), guide, c.out(), c.W(), c.H(), c.S(), c.Int("Radius"), c.Int("ScaleRatio"),
+                                c.Float("Eps"));
        }},
       {"SelfGuidedFilter",
        "guided filters",
@@ -497,8 +530,52 @@ const std::vector<Operator>& Registry() {
        "Scale=0.2 Mode=0"},
 
       // ---- dehazing
+      {"HazeRemovalBasedOnDarkChannelPrior",
+       "dehazing",
+       "34",
+       "dark-channel prior dehazing: guided-filter transmission, recovery, gamma curve",
+       {{"DarkRadius", kInt, 1, 100, 7, "radius of the minimum filter that makes the dark channel"},
+        {"GuideRadius", kInt, 5, 200, 28, "radius of the guided filter that refines the transmission"},
+        {"AtmosphericLimit", kInt, 0, 255, 220, "upper limit of each sample of the atmospheric light"},
+        {"Omega", kFloat, 0, 1, 0.95, "share of the haze removed"},
+        {"MinTransmission", kFloat, 0.01, 1, 0.1, "lower limit of the transmission"},
+        {"Gamma", kFloat, 0.2, 3, 0.8, "exponent of the final gamma curve"}},
+       [](Call& c) {
+         return QV_HazeRemovalBasedOnDarkChannelPrior(c.in(), c.out(), c.W(), c.H(), c.S(), c.Int("DarkRadius"),
+                                                      c.Int("GuideRadius"), c.Int("AtmosphericLimit"), c.Float("Omega"),
+                                                      c.Float("MinTransmission"), c.Float("Gamma"));
+       },
+       "",
+       Output::Image,
+       false,
+       true,
+       true},
 
       // ---- Retinex
+      {"Retinex",
+       "Retinex",
+       "134",
+       "multi-scale Retinex of the luminance, brought back to colour (4 channels: walked as 3-byte pixels)",
+       {{"MaxSigma", kInt, 1, 300, 100, "largest Gaussian surround (standard deviation in pixels)"},
+        {"ScaleCount", kInt, 1, 8, 3, "number of surrounds, spread up to MaxSigma"},
+        {"ClipShare", kFloat, 0, 0.5, 0.01, "fraction clipped at each end of the log ratio"}},
+       [](Call& c) {
+         return QV_Retinex(c.in(), c.out(), c.W(), c.H(), c.S(), c.Int("MaxSigma"), c.Int("ScaleCount"),
+                           c.Float("ClipShare"));
+       }},
+      {"ALTM_Retinex",
+       "Retinex",
+       "134",
+       "logarithmic tone mapping of the luminance around its log mean (4 channels: walked as 3-byte pixels)",
+       {{"ClipShare", kFloat, 0, 0.5, 0.01, "fraction clipped at each end; 0 skips the clipping"}},
+       [](Call& c) { return QV_ALTM_Retinex(c.in(), c.out(), c.W(), c.H(), c.S(), c.Float("ClipShare")); }},
+      {"FrankleMccannRetinex",
+       "Retinex",
+       "13",
+       "iterative ratio-product-reset-average Retinex per channel",
+       {{"Iterations", kInt, 1, 10, 2, "rounds of the shrinking-shift iteration"}},
+       [](Call& c) { return QV_FrankleMccannRetinex(c.in(), c.out(), c.W(), c.H(), c.S(), c.Int("Iterations")); },
+       "Iterations=4"},
 
       // ---- frequency filters
       {"ShowFFT",
@@ -557,13 +634,121 @@ const std::vector<Operator>& Registry() {
        }},
 
       // ---- pyramids
+      {"GetMaxPyramidLevel",
+       "pyramids",
+       "134",
+       "pyramid levels whose shorter side stays at least MinSize (the input gives only the size)",
+       {{"MinSize", kInt, 1, 32768, 16, "smallest side a level may have"}},
+       [](Call& c) { return MeasurePyramid(c, c.Int("MinSize")); },
+       "",
+       Output::Measure},
+      {"LaplacePyramidTest",
+       "pyramids",
+       "134",
+       "experimental detail boost: Laplace bands raised to the power 0.6, times 4",
+       {{"Levels", kInt, 1, 32, 5, "pyramid levels (lowered to what the size allows)"}},
+       [](Call& c) { return LaplacePyramidTest(c.in(), c.out(), c.W(), c.H(), c.S(), c.Int("Levels")); },
+       "",
+       Output::Image,
+       false,
+       false},
 
       // ---- sharpening
+      {"Sharpen",
+       "sharpening",
+       "134",
+       "3 x 3 sharpen from the four diagonal neighbours",
+       {},
+       [](Call& c) { return QV_Sharpen(c.in(), c.out(), c.W(), c.H(), c.S()); }},
+      {"RadiusSharpen3X3",
+       "sharpening",
+       "134",
+       "pushes each sample by the gap between its nearest and farthest 3 x 3 neighbours",
+       {{"Amount", kInt, 0, 100, 50, "strength in percent"}},
+       [](Call& c) { return QV_RadiusSharpen3X3(c.in(), c.out(), c.W(), c.H(), c.S(), c.Int("Amount")); }},
+      {"HighPass",
+       "sharpening",
+       "134",
+       "image minus its exponential blur, around 128",
+       {{"Radius", kInt, 1, 1000, 5, "radius of the exponential blur"}},
+       [](Call& c) { return QV_HighPass(c.in(), c.out(), c.W(), c.H(), c.S(), c.Int("Radius")); }},
+      {"HighPassSharpen",
+       "sharpening",
+       "134",
+       "high pass (desaturated in colour) overlaid on the image",
+       {{"Radius", kInt, 1, 1000, 5, "radius of the exponential blur"}},
+       [](Call& c) { return QV_HighPassSharpen(c.in(), c.out(), c.W(), c.H(), c.S(), c.Int("Radius")); }},
+      {"UnsharpMask",
+       "sharpening",
+       "134",
+       "unsharp mask on the exponential blur, detail weighted by the headroom",
+       {{"Radius", kInt, 1, 1000, 5, "radius of the exponential blur"},
+        {"Amount", kInt, 0, 1000, 150, "strength in percent"},
+        {"Threshold", kInt, 0, 255, 0, "differences up to it are left alone (levels)"}},
+       [](Call& c) {
+         return QV_UnsharpMask(c.in(), c.out(), c.W(), c.H(), c.S(), c.Int("Radius"), c.Int("Amount"),
+                               c.Int("Threshold"));
+       }},
+      {"UnsharpMask_PS",
+       "sharpening",
+       "134",
+       "unsharp mask on the exponential blur with a threshold",
+       {{"Radius", kInt, 1, 1000, 5, "radius of the exponential blur"},
+        {"Amount", kInt, 0, 4096, 150, "strength in percent"},
+        {"Threshold", kInt, 0, 255, 0, "differences up to it are left alone (levels)"}},
+       [](Call& c) {
+         return QV_UnsharpMask_PS(c.in(), c.out(), c.W(), c.H(), c.S(), c.Int("Radius"), c.Int("Amount"),
+                                  c.Int("Threshold"));
+       }},
+      {"MultiScaleSharpen",
+       "sharpening",
+       "134",
+       "adds back the detail of three exponential blurs (Radius, 2 Radius, 4 Radius)",
+       {{"Radius", kInt, 1, 250, 5, "radius of the finest blur"}},
+       [](Call& c) { return QV_MultiScaleSharpen(c.in(), c.out(), c.W(), c.H(), c.S(), c.Int("Radius")); }},
+      {"EdgePreservedSharpen",
+       "sharpening",
+       "134",
+       "amplifies the detail over the self-guided filter, sparing the edges",
+       {{"Amount", kInt, 0, 3996, 100, "added gain in percent (detail times about (Amount + 100) / 100)"}},
+       [](Call& c) { return QV_EdgePreservedSharpen(c.in(), c.out(), c.W(), c.H(), c.S(), c.Int("Amount")); }},
 
       // ---- edges and saliency
+      {"Sobel",
+       "edges and saliency",
+       "134",
+       "Sobel gradient magnitude of every sample (a fourth one too: flat alpha becomes 0)",
+       {},
+       [](Call& c) { return QV_Sobel(c.in(), c.out(), c.W(), c.H(), c.S()); }},
+      {"Canny",
+       "edges and saliency",
+       "1",
+       "Canny edges (0 or 255) without smoothing: blur first if wanted",
+       {{"LowThreshold", kInt, 0, 2040, 50, "magnitudes at or below it are never edges"},
+        {"HighThreshold", kInt, 0, 2040, 150, "magnitudes above it are strong edges"},
+        {"UseL2Norm", kBool, 0, 1, 0, "Euclidean magnitude (0: |gx| + |gy|)"},
+        {"InterpolateNms", kInt, 0, 255, 0, "1 interpolates the suppression; any other value uses sectors"},
+        {"TrackEdges", kBool, 0, 1, 1, "follow weak chains from strong pixels (0: direct neighbours only)"}},
+       [](Call& c) {
+         return QV_Canny(c.in(), c.out(), c.W(), c.H(), c.S(), c.Int("LowThreshold"), c.Int("HighThreshold"),
+                         c.Flag("UseL2Norm"), static_cast<unsigned char>(c.Int("InterpolateNms")),
+                         c.Flag("TrackEdges"));
+       }},
+      {"SalientRegionDetection_FT",
+       "edges and saliency",
+       "3",
+       "frequency-tuned saliency: Lab distance of each pixel from the mean colour (a gray image)",
+       {{"RowPadded", kBool, 0, 1, 0, "rows padded to 4 bytes in the library's output (the file is packed)"}},
+       [](Call& c) {
+         return WritePlane(c, [&](unsigned char* plane) {
+           return QV_SalientRegionDetection_FT(c.in(), plane, c.W(), c.H(), c.S(), c.Flag("RowPadded"));
+         });
+       }},
   };
   return table;
 }
+
+std::string ExportName(const Operator& op) { return (op.prefixed ? "QV_" : "") + std::string(op.name); }
 
 const Operator* FindOperator(const std::string& name) {
   const char* n = name.c_str();
@@ -604,7 +789,8 @@ RunResult RunOperator(const Operator& op, const Image& src, const std::vector<do
     Call call{src, dest, op.params, values, images, {}, false, {}};
     call.Restart();
     const int status = op.run(call);
-    const double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - call.start).count();
+    const auto end = call.stop != decltype(call.stop){} ? call.stop : std::chrono::steady_clock::now();
+    const double ms = std::chrono::duration<double, std::milli>(end - call.start).count();
     if (k == 0 || ms < r.ms) r.ms = ms;
     r.status = status;
     r.result = call.result;

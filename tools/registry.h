@@ -34,6 +34,7 @@ struct Call {
   bool illustrated = false;  // a measuring call that drew its result into dest for the gallery
   std::string refusal;       // why the tool itself refused the call (see Refuse)
   std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
+  std::chrono::steady_clock::time_point stop{};  // set by Stop; else the call's return
 
   int W() const { return src.Width; }
   int H() const { return src.Height; }
@@ -55,6 +56,8 @@ struct Call {
   // Starts the clock again, so that the tool's own preparation (a built-in
   // table, a histogram) is not counted in the library's time.
   void Restart() { start = std::chrono::steady_clock::now(); }
+  // Stops the clock, so that the tool's drawing of a measure is not counted.
+  void Stop() { stop = std::chrono::steady_clock::now(); }
 };
 
 enum class Output { Image, Measure };
@@ -69,7 +72,12 @@ struct Operator {
   const char* demo = "";  // gallery parameters, "name=value ...", over the defaults
   Output output = Output::Image;
   bool binary_input = false;  // the gallery feeds it a two-level image
+  bool prefixed = true;       // the export is QV_ + name (LaplacePyramidTest is not)
+  bool hazy_input = false;    // the gallery feeds it a hazed copy of the photograph
 };
+
+// The exported symbol's name.
+std::string ExportName(const Operator& op);
 
 const std::vector<Operator>& Registry();
 
