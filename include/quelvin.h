@@ -232,9 +232,35 @@ QV_API int QV_BandPassFilter(const unsigned char* Src, unsigned char* Dest, int 
 
 /* ---- pyramids -------------------------------------------------------------- */
 
+/* Number of pyramid levels (halvings of min(Width, Height) while the half is
+ * at least MinSize, plus one); 0 when an argument is below 1 or the image is
+ * smaller than MinSize. Returns a count, not a status. */
+QV_API int QV_GetMaxPyramidLevel(int Width, int Height, int MinSize);
+/* Experimental detail boost: a float Laplace pyramid of up to Levels levels
+ * whose bands become 4 * sign(x) * |x|^0.6, collapsed again. Src is not
+ * tested; rows are walked as three samples a pixel whatever the layout. */
+QV_API int LaplacePyramidTest(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride,
+                              int Levels);
+
 /* ---- sharpening ------------------------------------------------------------ */
 
 /* ---- edges and saliency ---------------------------------------------------- */
+
+/* Sobel gradient magnitude of every sample (1, 3 or 4 channels, the fourth
+ * too); the edge pixels and rows are repeated. Src may equal Dest. */
+QV_API int QV_Sobel(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride);
+/* Canny edges (0 or 255) of a single-channel image, without smoothing.
+ * Thresholds compare with |gx| + |gy|, or with the Euclidean norm when
+ * UseL2Norm is set; InterpolateNms == 1 interpolates the suppression; a
+ * non-zero TrackEdges follows weak chains from strong pixels. Width 0 is
+ * status 1. Src may equal Dest. */
+QV_API int QV_Canny(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, int LowThreshold,
+                    int HighThreshold, unsigned char UseL2Norm, unsigned char InterpolateNms, unsigned char TrackEdges);
+/* Frequency-tuned saliency map of a 3-channel image into a single-channel
+ * Dest with rows of Width bytes, or of Width rounded up to 4 when RowPadded
+ * is set. A 4-channel image gives status 1, other layouts 5. */
+QV_API int QV_SalientRegionDetection_FT(const unsigned char* Src, unsigned char* Dest, int Width, int Height,
+                                        int Stride, unsigned char RowPadded);
 
 #ifdef __cplusplus
 }

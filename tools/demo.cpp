@@ -149,22 +149,23 @@ void DrawCell(Image& sheet, int x, int y, const Shot& s) {
     std::snprintf(ms, sizeof ms, "%.2f ms", s.ms);
     sub = sub.empty() ? ms : sub + "  " + ms;
   }
-  // The small print wraps at spaces onto two lines before it is cut.
-  int sub_y = label_y + int(lines.size()) * 18 + 2;
-  std::string line;
+  // The small print wraps at spaces; three label lines in all, the last one cut.
+  std::vector<std::string> subs;
   std::istringstream words(sub);
-  int used = 0;
   for (std::string w; words >> w;) {
-    const std::string next = line.empty() ? w : line + " " + w;
-    if (TextWidth(next, 2) <= text_w || line.empty()) {
-      line = next;
-      continue;
-    }
-    DrawText(sheet, label_x, sub_y, Fit(line, 2, text_w), 2, s.status != 0 ? kBad : kDim);
-    sub_y += 16, line = w;
-    if (++used == 1 && lines.size() == 2) break;  // room for one more line only
+    if (!subs.empty() && TextWidth(subs.back() + " " + w, 2) <= text_w)
+      subs.back() += " " + w;
+    else
+      subs.push_back(w);
   }
-  if (!line.empty()) DrawText(sheet, label_x, sub_y, Fit(line, 2, text_w), 2, s.status != 0 ? kBad : kDim);
+  const size_t room = 3 - lines.size();
+  if (subs.size() > room) {
+    subs.resize(room);
+    subs.back() += " ..";
+  }
+  const Rgb colour = s.status != 0 ? kBad : kDim;
+  for (size_t k = 0; k < subs.size(); ++k)
+    DrawText(sheet, label_x, label_y + int(lines.size()) * 18 + 2 + int(k) * 16, Fit(subs[k], 2, text_w), 2, colour);
 }
 
 Image ContactSheet(const std::string& title, const std::string& subtitle, const Shot& original,

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <cctype>
 #include <chrono>
+#include <climits>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -50,6 +52,13 @@ Image WarmLut() {
         p[2] = clamp(20 + r * 1.02);
       }
   return t;
+}
+
+// The right-angle turns write a new size; quarter turns swap the sides.
+int Turn(Call& c, int (*fn)(const unsigned char*, unsigned char*, int, int, int, int, int, int), bool quarter) {
+  const int w = quarter ? c.H() : c.W(), h = quarter ? c.W() : c.H();
+  c.dest = MakeImage(w, h, c.src.Channel);
+  return fn(c.in(), c.out(), c.W(), c.H(), c.S(), w, h, c.dest.Stride());
 }
 
 // The global thresholds measure; the gallery shows the image cut at the value.
@@ -239,6 +248,13 @@ const std::vector<Operator>& Registry() {
        [](Call& c) { return QV_Desaturate(c.in(), c.out(), c.W(), c.H(), c.S()); }},
 
       // ---- white balance
+      {"AWB_GrayWorld",
+       "white balance",
+       "34",
+       "gray-world white balance over the weakly coloured pixels",
+       {{"Percent", kInt, 0, 100, 100, "pixels counted when (max - min) < max * Percent / 100; 100 all, 0 none"}},
+       [](Call& c) { return QV_AWB_GrayWorld(c.in(), c.out(), c.W(), c.H(), c.S(), c.Int("Percent")); },
+       "Percent=30"},
 
       // ---- box mean
       {"BoxBlur",
@@ -248,6 +264,12 @@ const std::vector<Operator>& Registry() {
        {{"Radius", kInt, 1, 1000, 5, "window half-side (limited to the image)"}},
        [](Call& c) { return QV_BoxBlur(c.in(), c.out(), c.W(), c.H(), c.S(), c.Int("Radius")); },
        "Radius=6"},
+      {"AverageBlur",
+       "box mean",
+       "134",
+       "every pixel becomes the image's mean colour",
+       {},
+       [](Call& c) { return QV_AverageBlur(c.in(), c.out(), c.W(), c.H(), c.S()); }},
 
       // ---- exponential and Gaussian blur
       {"ExpBlur",
@@ -276,6 +298,29 @@ const std::vector<Operator>& Registry() {
        "Radius=3"},
 
       // ---- guided filters
+      {"GuidedFilter",
+       "guided filters",
+       "134",
+       "edge-preserving smoothing that keeps the edges of a guide image",
+       {{"Guide", kImage, 0, 0, 0, "guide image, same size"},
+        {"Radius", kInt, 1, 10000, 8, "window radius (raised to 4, limited to the image)"},
+        {"ScaleRatio", kInt, 10, 100, 50, "working grid in percent of the image size"},
+        {"Eps", kFloat, 0, 255, 20, "regularisation as a deviation in grey levels"}},
+       [](Call& c) {
+         return QV_GuidedFilter(c.in(), c.Img("Guide").ptr(), c.out(), c.W(), c.H(), c.S(), c.Int("Radius"),
+                                c.Int("ScaleRatio"), c.Float("Eps"));
+       }},
+      {"SelfGuidedFilter",
+       "guided filters",
+       "134",
+       "edge-preserving smoothing guided by the image itself",
+       {{"Radius", kInt, 1, 10000, 8, "window radius (raised to 4, limited to the image)"},
+        {"ScaleRatio", kInt, 10, 100, 50, "working grid in percent of the image size"},
+        {"Eps", kFloat, 0, 255, 20, "regularisation as a deviation in grey levels"}},
+       [](Call& c) {
+         return QV_SelfGuidedFilter(c.in(), c.out(), c.W(), c.H(), c.S(), c.Int("Radius"), c.Int("ScaleRatio"),
+                                    c.Float("Eps"));
+       }},
 
       // ---- global thresholds
       {"GetOSTUThreshold",
@@ -348,6 +393,25 @@ const std::vector<Operator>& Registry() {
        "smallest sample of the square window (gray erosion)",
        {{"Radius", kInt, 0, 1000, 3, "window half-side"}},
        [](Call& c) { return QV_MinFilter(c.in(), c.out(), c.W(), c.H(), c.S(), c.Int("Radius")); }},
+      {"Open",
+       "gray morphology",
+       "134",
+       "opening: minimum then maximum filter, removes bright details",
+       {{"Radius", kInt, 0, 1000, 3, "window half-side"}},
+       [](Call& c) { return QV_Open(c.in(), c.out(), c.W(), c.H(), c.S(), c.Int("Radius")); }},
+      {"Close",
+       "gray morphology",
+       "134",
+       "closing: maximum then minimum filter, removes dark details",
+       {{"Radius", kInt, 0, 1000, 3, "window half-side"}},
+       [](Call& c) { return QV_Close(c.in(), c.out(), c.W(), c.H(), c.S(), c.Int("Radius")); }},
+      {"RangeFilter",
+       "gray morphology",
+       "134",
+       "local range (maximum - minimum) of the window, scaled",
+       {{"Radius", kInt, 0, 1000, 2, "window half-side"}, {"Amount", kInt, 0, 1000, 100, "percent of the range"}},
+       [](Call& c) { return QV_RangeFilter(c.in(), c.out(), c.W(), c.H(), c.S(), c.Int("Radius"), c.Int("Amount")); },
+       "Radius=2 Amount=200"},
 
       // ---- copy, flip, rotate, transpose
       {"Transpose",
@@ -359,14 +423,138 @@ const std::vector<Operator>& Registry() {
          c.dest = MakeImage(c.H(), c.W(), c.src.Channel);
          return QV_Transpose(c.in(), c.out(), c.W(), c.H(), c.S(), c.H(), c.W(), c.dest.Stride());
        }},
+      {"BitBlt",
+       "copy, flip, rotate, transpose",
+       "34",
+       "copies a rectangle of a second image onto the image (alpha-composed with 4 channels)",
+       {{"Src2", kImage, 0, 0, 0, "source image, same size"},
+        {"DestX", kInt, -100000, 100000, 0, "left of the rectangle in the image"},
+        {"DestY", kInt, -100000, 100000, 0, "top of the rectangle in the image"},
+        {"BlitWidth", kInt, 0, 100000, 128, "rectangle width (clipped to both images)"},
+        {"BlitHeight", kInt, 0, 100000, 128, "rectangle height (clipped to both images)"},
+        {"SrcX", kInt, -100000, 100000, 0, "left of the rectangle in Src2"},
+        {"SrcY", kInt, -100000, 100000, 0, "top of the rectangle in Src2"}},
+       [](Call& c) {
+         ImageRecord dest{c.dest.Width, c.dest.Height, c.dest.Stride(), c.out()};
+         Image src2 = c.Img("Src2");  // the record's pointer is not const
+         const ImageRecord src{src2.Width, src2.Height, src2.Stride(), src2.ptr()};
+         c.Restart();
+         return QV_BitBlt(&dest, c.Int("DestX"), c.Int("DestY"), c.Int("BlitWidth"), c.Int("BlitHeight"), &src,
+                          c.Int("SrcX"), c.Int("SrcY"));
+       },
+       "DestX=96 DestY=64 BlitWidth=192 BlitHeight=128 SrcX=96 SrcY=64"},
+      {"FlipLeftRight",
+       "copy, flip, rotate, transpose",
+       "134",
+       "mirror image, left to right",
+       {},
+       [](Call& c) { return QV_FlipLeftRight(c.in(), c.out(), c.W(), c.H(), c.S()); }},
+      {"FlipTopBottom",
+       "copy, flip, rotate, transpose",
+       "134",
+       "mirror image, top to bottom",
+       {},
+       [](Call& c) { return QV_FlipTopBottom(c.in(), c.out(), c.W(), c.H(), c.S()); }},
+      {"Rotate90",
+       "copy, flip, rotate, transpose",
+       "134",
+       "quarter turn clockwise",
+       {},
+       [](Call& c) { return Turn(c, QV_Rotate90, true); }},
+      {"Rotate180",
+       "copy, flip, rotate, transpose",
+       "134",
+       "half turn",
+       {},
+       [](Call& c) { return Turn(c, QV_Rotate180, false); }},
+      {"Rotate270",
+       "copy, flip, rotate, transpose",
+       "134",
+       "quarter turn counter-clockwise",
+       {},
+       [](Call& c) { return Turn(c, QV_Rotate270, true); }},
 
       // ---- resample
+      {"Resample",
+       "resample",
+       "134",
+       "scales the image: nearest, bilinear or bicubic",
+       {{"DestWidth", kInt, 0, 32768, 0, "output width; 0 from Scale (or DestHeight, keeping the aspect)"},
+        {"DestHeight", kInt, 0, 32768, 0, "output height; 0 from Scale (or DestWidth, keeping the aspect)"},
+        {"Scale", kFloat, 0.01, 16, 2, "size factor where neither size is given"},
+        {"Mode", kInt, 0, 2, 1, "0 nearest, 1 bilinear, 2 bicubic"}},
+       [](Call& c) {
+         int w = c.Int("DestWidth"), h = c.Int("DestHeight");
+         const double aspect = double(c.W()) / c.H();
+         if (w == 0 && h == 0) w = int(c.W() * c.Float("Scale") + 0.5), h = int(c.H() * c.Float("Scale") + 0.5);
+         if (w == 0) w = int(h * aspect + 0.5);
+         if (h == 0) h = int(w / aspect + 0.5);
+         w = std::max(w, 1), h = std::max(h, 1);
+         if (int64_t(w) * c.src.Channel * h > INT_MAX) return c.Refuse("the output would be too large");
+         c.dest = MakeImage(w, h, c.src.Channel);
+         return QV_Resample(c.in(), c.out(), c.W(), c.H(), c.S(), w, h, c.dest.Stride(), c.Int("Mode"));
+       },
+       "Scale=0.2 Mode=0"},
 
       // ---- dehazing
 
       // ---- Retinex
 
       // ---- frequency filters
+      {"ShowFFT",
+       "frequency filters",
+       "13",
+       "log magnitude of the centred spectrum, stretched to 0..255",
+       {},
+       [](Call& c) { return QV_ShowFFT(c.in(), c.out(), c.W(), c.H(), c.S()); }},
+      {"ShowFFT_Precise",
+       "frequency filters",
+       "134",
+       "|Re| / 255 of the centred spectrum, unpadded",
+       {},
+       [](Call& c) { return QV_ShowFFT_Precise(c.in(), c.out(), c.W(), c.H(), c.S()); }},
+      {"ButterworthLowPass",
+       "frequency filters",
+       "13",
+       "Butterworth low pass in the frequency domain",
+       {{"CutOff", kInt, 1, 10000, 30, "cut-off radius in frequency bins"}},
+       [](Call& c) { return QV_ButterworthLowPass(c.in(), c.out(), c.W(), c.H(), c.S(), c.Int("CutOff")); },
+       "CutOff=20"},
+      {"HomomorphicFiltering",
+       "frequency filters",
+       "13",
+       "log-domain filter of the luminance: evens the lighting, lifts detail",
+       {{"CutOff", kFloat, 0.01, 10000, 30, "cut-off radius in frequency bins"},
+        {"GammaHigh", kFloat, 0, 10, 1.5, "gain of high frequencies"},
+        {"GammaLow", kFloat, 0, 10, 0.5, "gain of low frequencies"},
+        {"Sharpness", kFloat, 0.01, 100, 1, "steepness of the transition"}},
+       [](Call& c) {
+         return QV_HomomorphicFiltering(c.in(), c.out(), c.W(), c.H(), c.S(), c.Float("CutOff"), c.Float("GammaHigh"),
+                                        c.Float("GammaLow"), c.Float("Sharpness"));
+       }},
+      {"HighFrequencyEmphasizeFilter",
+       "frequency filters",
+       "13",
+       "high-frequency emphasis: offset plus boosted high pass",
+       {{"CutOff", kInt, 1, 10000, 30, "cut-off radius in frequency bins"},
+        {"GainOffset", kInt, -1000, 1000, 50, "gain at frequency 0, in hundredths"},
+        {"GainScale", kInt, -1000, 1000, 150, "added gain of high frequencies, in hundredths"}},
+       [](Call& c) {
+         return QV_HighFrequencyEmphasizeFilter(c.in(), c.out(), c.W(), c.H(), c.S(), c.Int("CutOff"),
+                                                c.Int("GainOffset"), c.Int("GainScale"));
+       }},
+      {"BandPassFilter",
+       "frequency filters",
+       "13",
+       "Gaussian band pass between two structure sizes, stretched",
+       {{"FilterLarge", kInt, 1, 10000, 40, "structures larger than this (pixels) are removed"},
+        {"FilterSmall", kInt, 0, 10000, 3, "structures smaller than this (pixels) are removed"},
+        {"StripeMode", kInt, 0, 2, 0, "stripe suppression: 0 none, 1 columns, 2 rows"},
+        {"StripeTolerance", kInt, 0, 100, 5, "stripe tolerance in percent"}},
+       [](Call& c) {
+         return QV_BandPassFilter(c.in(), c.out(), c.W(), c.H(), c.S(), c.Int("FilterLarge"), c.Int("FilterSmall"),
+                                  c.Int("StripeMode"), c.Int("StripeTolerance"));
+       }},
 
       // ---- pyramids
 

@@ -10,6 +10,8 @@
 #include "frame/border.h"
 #include "frame/frame.h"
 #include "point/luminance.h"
+#include "point/pixel_planes.h"
+#include "point/shuffle3.h"
 
 namespace qv {
 
@@ -20,18 +22,46 @@ int GrayPixelMeans(const unsigned char* Src, int Width, int Height, int Stride, 
   if (Width < 1 || Height < 1) return STATUS_INVALID_PARAMETER;
   if (!IsChannel34(Channel)) return STATUS_NOT_SUPPORTED;
 
-  // Signed 32-bit sums as in the plain channel means; they wrap (through
-  // unsigned arithmetic) past 2147483647. The threshold product is taken in
-  // 64 bits so that no Percent overflows it.
-  uint32_t sum0 = 0, sum1 = 0, sum2 = 0;
-  int count = 0;
+  // Signed 32-bit sums as in the plain channel means: they wrap past
+  // 2147483647, which the low 32 bits of these 64-bit sums reproduce.
+  uint64_t sum0 = 0, sum1 = 0, sum2 = 0, count = 0;
+  // For Percent 0 or less no pixel counts; above 100 every pixel but black
+  // does, as with 101. Clamped so, the test fits 16-bit lanes exactly:
+  // (mx - mn) * 100 and mx * Percent are both at most 25755.
+  const int percent = Percent < 0 ? 0 : Percent > 101 ? 101 : Percent;
+  const __m128i zero = _mm_setzero_si128(), one = _mm_set1_epi8(1);
+  const __m128i hundred = _mm_set1_epi16(100), pct = _mm_set1_epi16(static_cast<short>(percent));
+  __m128i acc0 = zero, acc1 = zero, acc2 = zero, accn = zero;
+  const int block_end = Width & ~15;
   for (int y = 0; y < Height; ++y) {
-    const unsigned char* s = Src + size_t(y) * Stride;
-    for (int x = 0; x < Width; ++x, s += Channel) {
+    const unsigned char* row = Src + size_t(y) * Stride;
+    for (int x = 0; x < block_end; x += 16) {
+      __m128i p0, p1, p2, p3;
+      if (Channel == 3) {
+        const Planes3 q = Load3Planes(row + 3 * x);
+        p0 = q.p0, p1 = q.p1, p2 = q.p2;
+      } else {
+        SplitPixels4(row + 4 * x, p0, p1, p2, p3);
+      }
+      const __m128i mx = _mm_max_epu8(_mm_max_epu8(p0, p1), p2);
+      const __m128i mn = _mm_min_epu8(_mm_min_epu8(p0, p1), p2);
+      const __m128i range = _mm_subs_epu8(mx, mn);
+      auto counts = [&](__m128i r, __m128i m) {
+        return _mm_cmpgt_epi16(_mm_mullo_epi16(m, pct), _mm_mullo_epi16(r, hundred));
+      };
+      const __m128i take = _mm_packs_epi16(counts(_mm_unpacklo_epi8(range, zero), _mm_unpacklo_epi8(mx, zero)),
+                                           counts(_mm_unpackhi_epi8(range, zero), _mm_unpackhi_epi8(mx, zero)));
+      acc0 = _mm_add_epi64(acc0, _mm_sad_epu8(_mm_and_si128(p0, take), zero));
+      acc1 = _mm_add_epi64(acc1, _mm_sad_epu8(_mm_and_si128(p1, take), zero));
+      acc2 = _mm_add_epi64(acc2, _mm_sad_epu8(_mm_and_si128(p2, take), zero));
+      accn = _mm_add_epi64(accn, _mm_sad_epu8(_mm_and_si128(one, take), zero));
+    }
+    const unsigned char* s = row + block_end * Channel;
+    for (int x = block_end; x < Width; ++x, s += Channel) {
       const int a = s[0], b = s[1], c = s[2];
       const int mx = a > b ? (a > c ? a : c) : (b > c ? b : c);
       const int mn = a < b ? (a < c ? a : c) : (b < c ? b : c);
-      if (int64_t(mx - mn) * 100 < int64_t(mx) * Percent) {
+      if ((mx - mn) * 100 < mx * percent) {
         sum0 += a;
         sum1 += b;
         sum2 += c;
@@ -39,11 +69,20 @@ int GrayPixelMeans(const unsigned char* Src, int Width, int Height, int Stride, 
       }
     }
   }
+  auto total = [](__m128i v) {
+    return static_cast<uint64_t>(_mm_cvtsi128_si64(v)) + static_cast<uint64_t>(_mm_extract_epi64(v, 1));
+  };
+  sum0 += total(acc0);
+  sum1 += total(acc1);
+  sum2 += total(acc2);
+  count += total(accn);
   if (count == 0) {
     *Mean0 = *Mean1 = *Mean2 = *Mean3 = 0;
     return STATUS_OK;
   }
-  auto mean = [count](uint32_t sum) { return static_cast<int>(static_cast<int32_t>(sum) / double(count) + 0.5); };
+  auto mean = [count](uint64_t sum) {
+    return static_cast<int>(static_cast<int32_t>(static_cast<uint32_t>(sum)) / double(count) + 0.5);
+  };
   *Mean0 = mean(sum0);
   *Mean1 = mean(sum1);
   *Mean2 = mean(sum2);

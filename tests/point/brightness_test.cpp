@@ -128,6 +128,18 @@ TEST(AdjustBrightnessAndContrast, StatedValues) {
       EXPECT_TRUE(t4.data[i] == 0 || t4.data[i] == 255) << i;
 }
 
+TEST(AdjustBrightnessAndContrast, ContrastBelowRangeSplitsBlockAndTail) {
+  // Contrast -200: k = -65536 leaves the 16-bit lanes. The block lanes take its
+  // low 16 bits (0: samples pass), the tail all of it: t = v - 2 * (v - M).
+  unsigned char src[20], dst[20];
+  for (int i = 0; i < 20; ++i) src[i] = i % 2 ? 110 : 90;  // mean 100
+  ASSERT_EQ(QV_AdjustBrightnessAndContrast(src, dst, 20, 1, 20, 0, -200), STATUS_OK);
+  for (int i = 0; i < 20; ++i) EXPECT_EQ(dst[i], i < 16 ? src[i] : i % 2 ? 90 : 110) << i;
+  // The most negative factor stays defined in the tail: every sample clamps.
+  ASSERT_EQ(QV_AdjustBrightnessAndContrast(src, dst, 20, 1, 20, 0, -2147483647 - 1), STATUS_OK);
+  for (int i = 16; i < 20; ++i) EXPECT_EQ(dst[i], i % 2 ? 0 : 255) << i;
+}
+
 TEST(Vibrance, MatchesModelOnEveryShape) {
   const int amounts[] = {-500, -100, -37, -25, 0, 1, 25, 60, 100, 1000};
   for (const auto& sh : qvt::TailShapes({3, 4}))
