@@ -135,7 +135,8 @@ struct Row {
   const char* Name;
   Frame Kind;
   bool InPlace;  // Src may be Dest
-  // Dest geometry: 0 as Src, 1 turned (sizes swapped), 2 free sizes, 3 single-channel plane
+  // Dest geometry: 0 as Src, 1 turned (sizes swapped), 2 free sizes, 3 single-channel
+  // plane, 4 plane of Width bytes or rows padded to 4
   int DestShape;
   Runner Run;
 };
@@ -201,7 +202,8 @@ const Row kRows[] = {
        return r;
      }},
     // luminance, desaturation, white balance
-    {"QV_GetLuminance", kDivides, false, 3, [](Context& c) { return QV_GetLuminance(SRC, 0); }},
+    {"QV_GetLuminance", kDivides, false, 4,
+     [](Context& c) { return QV_GetLuminance(SRC, c.Dest.Stride != c.Src.Width); }},
     {"QV_Desaturate", kDivides, true, 0, [](Context& c) { return QV_Desaturate(SRC); }},
     {"QV_AWB_GrayWorld", kDivides, true, 0, [](Context& c) { return QV_AWB_GrayWorld(SRC, c.In.Int(0, 100)); }},
     // smoothing
@@ -299,6 +301,23 @@ const Row kRows[] = {
        const int large = c.In.Int(1, 200), small = c.In.Int(0, 50), mode = c.In.Int(0, 2);
        return QV_BandPassFilter(SRC, large, small, mode, c.In.Int(0, 100));
      }},
+    // pyramids
+    {"QV_GetMaxPyramidLevel", kGuarded, false, 0,
+     [](Context& c) {
+       const int levels = QV_GetMaxPyramidLevel(c.Src.Width, c.Src.Height, c.In.Int(1, 64));
+       return levels >= 0 && levels <= 32 ? STATUS_OK : -1;  // a count, not a status
+     }},
+    {"LaplacePyramidTest", kDivides, true, 0, [](Context& c) { return LaplacePyramidTest(SRC, c.In.Int(1, 12)); }},
+    // edges and saliency
+    {"QV_Sobel", kDivides, true, 0, [](Context& c) { return QV_Sobel(SRC); }},
+    {"QV_Canny", kGuarded, true, 0,
+     [](Context& c) {
+       const int low = c.In.Int(0, 1000), high = c.In.Int(0, 1000);
+       const unsigned char l2 = c.In.Flag(), interpolate = c.In.Flag();
+       return QV_Canny(SRC, low, high, l2, interpolate, c.In.Flag());
+     }},
+    {"QV_SalientRegionDetection_FT", kDivides, false, 4,
+     [](Context& c) { return QV_SalientRegionDetection_FT(SRC, c.Dest.Stride != c.Src.Width); }},
 };
 constexpr int kRowCount = sizeof(kRows) / sizeof(kRows[0]);
 
@@ -308,8 +327,8 @@ constexpr int kRowCount = sizeof(kRows) / sizeof(kRows[0]);
 
 // Sizes of one image: Width and Height, a channel count (mostly 1, 3, 4,
 // sometimes one no operator takes), and padding below Width.
-void DecodeSizes(Decoder& in, Frame Kind, bool Packed, int& Width, int& Height, int& Stride) {
-  const bool big = in.Chance(16);
+void DecodeSizes(Decoder& in, Frame Kind, bool Packed, bool BigOk, int& Width, int& Height, int& Stride) {
+  const bool big = in.Chance(16) && BigOk;
   Width = in.Range(1, big ? 1100 : 70);
   Height = in.Range(1, big ? 300 : 40);
   static const int kChannels[] = {1, 3, 4, 1, 3, 4, 1, 3, 4, 2, 5, 0};
@@ -345,7 +364,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* Data, size_t Size) {
   const Row& row = kRows[in.Range(0, kRowCount - 1)];
   Context c{in, {}, {}, {}, -777};
   const bool packed = row.DestShape == 1;  // four-channel turns need packed rows
-  DecodeSizes(in, row.Kind, packed, c.Src.Width, c.Src.Height, c.Src.Stride);
+  // The unpadded spectrum view transforms prime lengths directly, in time
+  // quadratic in the side: large images would only measure that.
+  const bool big_ok = std::strcmp(row.Name, "QV_ShowFFT_Precise") != 0;
+  DecodeSizes(in, row.Kind, packed, big_ok, c.Src.Width, c.Src.Height, c.Src.Stride);
   const uint32_t seed = in.Bits32();
   Block src(Bytes(c.Src.Height, c.Src.Stride), seed);
   Block src2(Bytes(c.Src.Height, c.Src.Stride), seed + 1);
@@ -379,7 +401,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* Data, size_t Size) {
       break;
     case 2: {
       int w, h, s;
-      DecodeSizes(in, row.Kind, false, w, h, s);
+      DecodeSizes(in, row.Kind, false, true, w, h, s);
       c.Dest.Width = w;
       c.Dest.Height = h;
       // The destination's channel count is the source's (keeping the padding
@@ -389,6 +411,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* Data, size_t Size) {
     }
     case 3:
       c.Dest.Stride = c.Src.Width;
+      break;
+    case 4:  // a plane of Width bytes a row, or rows padded to 4 bytes
+      c.Dest.Stride = in.Chance(2) ? c.Src.Width : ((c.Src.Width * 8 + 31) / 32) * 4;
       break;
     default:
       break;

@@ -39,6 +39,7 @@ enum class Oom {
   NullRef,         // 3 and Dest untouched (bicubic resample)
   Fft,             // the plane: 2, Dest untouched; the engine's own tables: unreported (0 or 2)
   RangeFilter,     // its own buffers: 0, nothing done; the nested filters: 2, both buffers lost
+  Status2Or3,      // its planes: 2; the nested colour conversion's scratch: 3; Dest untouched
 };
 
 struct Export {
@@ -205,6 +206,20 @@ inline const std::vector<Export>& Exports() {
               c) { return QV_HighFrequencyEmphasizeFilter(c.Src, c.Dest, c.Width, c.Height, c.Stride, 10, 50, 150); }},
       {"QV_BandPassFilter", S::Same, Share::FFT, M::Fft,
        [](const Call& c) { return QV_BandPassFilter(c.Src, c.Dest, c.Width, c.Height, c.Stride, 20, 3, 1, 5); }},
+      // pyramids
+      {"LaplacePyramidTest", S::Same, Share::None, M::Status2,
+       [](const Call& c) { return LaplacePyramidTest(c.Src, c.Dest, c.Width, c.Height, c.Stride, 4); }},
+      // edges and saliency
+      {"QV_Sobel", S::Same, Share::None, M::Status2,
+       [](const Call& c) { return QV_Sobel(c.Src, c.Dest, c.Width, c.Height, c.Stride); }},
+      {"QV_Sobel in place", S::InPlace, Share::None, M::Status2,
+       [](const Call& c) { return QV_Sobel(c.Dest, c.Dest, c.Width, c.Height, c.Stride); }},
+      {"QV_Canny", S::Same, Share::None, M::Status2,
+       [](const Call& c) { return QV_Canny(c.Src, c.Dest, c.Width, c.Height, c.Stride, 30, 90, 0, 1, 1); }},
+      {"QV_Canny L2", S::InPlace, Share::None, M::Status2,
+       [](const Call& c) { return QV_Canny(c.Dest, c.Dest, c.Width, c.Height, c.Stride, 20, 60, 1, 0, 1); }},
+      {"QV_SalientRegionDetection_FT", S::Plane, Share::None, M::Status2Or3,
+       [](const Call& c) { return QV_SalientRegionDetection_FT(c.Src, c.Dest, c.Width, c.Height, c.Stride, 0); }},
   };
   return table;
 }
