@@ -195,11 +195,13 @@ inline int FirstAbove(const uint16_t* Hist, unsigned Limit, unsigned* Before) {
 }
 
 struct Histograms {
-  uint16_t* coarse;       // [channel][column][16]
-  uint16_t* fine;         // [channel][coarse bin][column][16]
-  uint16_t* win_coarse;   // [channel][16]
-  uint16_t* win_fine;     // [channel][coarse bin][16]
-  int32_t* last_updated;  // [channel][coarse bin]
+  uint16_t* coarse;      // [channel][column][16]
+  uint16_t* fine;        // [channel][coarse bin][column][16]
+  uint16_t* win_coarse;  // [channel][16]
+  uint16_t* win_fine;    // [channel][coarse bin][16]
+  // [channel][coarse bin]; 64-bit because x + Radius + 1 passes 2^31 for a
+  // Radius near INT_MAX, and a wrapped value would send the walk before column 0.
+  int64_t* last_updated;
   int width;
   uint16_t* Coarse(int c, long long x) const { return coarse + (size_t(c) * width + size_t(x)) * 16; }
   uint16_t* Fine(int c, int k, long long x) const { return fine + ((size_t(c) * 16 + k) * width + size_t(x)) * 16; }
@@ -232,7 +234,7 @@ int MedianBlurHistogram(const unsigned char* Src, unsigned char* Dest, int Width
   h.fine = AlignedArray<uint16_t>(size_t(Channel) * Width * 256, 32);
   h.win_coarse = AlignedArray<uint16_t>(size_t(Channel) * 16, 32);
   h.win_fine = AlignedArray<uint16_t>(size_t(Channel) * 256, 32);
-  h.last_updated = AlignedArray<int32_t>(size_t(Channel) * 16, 32);
+  h.last_updated = AlignedArray<int64_t>(size_t(Channel) * 16, 32);
   if (h.coarse == nullptr || h.fine == nullptr || h.win_coarse == nullptr || h.win_fine == nullptr ||
       h.last_updated == nullptr) {
     AlignedFree(h.coarse);
@@ -266,7 +268,7 @@ int MedianBlurHistogram(const unsigned char* Src, unsigned char* Dest, int Width
     UpdateColumns(h, Src + size_t(ClampRow(y + R, Height)) * Stride, Width, Channel, channels, 1, 1);
     std::memset(h.win_coarse, 0, sizeof(uint16_t) * Channel * 16);
     std::memset(h.win_fine, 0, sizeof(uint16_t) * Channel * 256);
-    std::memset(h.last_updated, 0, sizeof(int32_t) * Channel * 16);
+    std::memset(h.last_updated, 0, sizeof(int64_t) * Channel * 16);
     for (int c = 0; c < channels; ++c) {
       uint16_t* wc = h.win_coarse + c * 16;
       // Radius copies of column 0 and columns 0 .. Radius - 1, those past the
@@ -299,21 +301,33 @@ int MedianBlurHistogram(const unsigned char* Src, unsigned char* Dest, int Width
         // k stops at 15 even when the counters have wrapped (Radius 128 and
         // more) and no bin passes the rank; so does b below.
         uint16_t* seg = h.win_fine + (c * 16 + k) * 16;
-        int32_t& last = h.last_updated[c * 16 + k];
+        int64_t& last = h.last_updated[c * 16 + k];
         if (last <= left) {
           std::memset(seg, 0, 32);
           const long long end = right + 1 < Width ? right + 1 : Width;
           for (long long j = left; j < end; ++j) AddHist(seg, h.Fine(c, k, j));
           if (right + 1 > Width)
             AddHistWeighted(seg, h.Fine(c, k, Width - 1), static_cast<uint16_t>(right + 1 - Width));
-          last = static_cast<int32_t>(right + 1);
+          last = right + 1;
         } else {
           for (long long L = last; L < right + 1; ++L) {
+            if (L >= Width - 1 && L <= static_cast<long long>(diameter)) {
+              // Both columns clamped: every step of this run adds column
+              // Width - 1 and takes column 0, so do the run as one weighted
+              // step (16-bit counters wrap alike). A Radius far beyond the
+              // image then costs no more than the image's width, not Radius.
+              const long long stop = right + 1 < static_cast<long long>(diameter) + 1 ? right + 1 : diameter + 1;
+              const uint16_t n = static_cast<uint16_t>(stop - L);
+              AddHistWeighted(seg, h.Fine(c, k, Width - 1), n);
+              AddHistWeighted(seg, h.Fine(c, k, 0), static_cast<uint16_t>(0u - n));
+              L = stop - 1;
+              continue;
+            }
             AddHist(seg, h.Fine(c, k, L < Width - 1 ? L : Width - 1));
             const long long s = L - static_cast<long long>(diameter);
             SubHist(seg, h.Fine(c, k, s > 0 ? s : 0));
           }
-          last = static_cast<int32_t>(right + 1);
+          last = right + 1;
         }
         SubHist(wc, h.Coarse(c, sub_col));
         int b = 0;

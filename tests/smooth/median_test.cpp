@@ -2,6 +2,7 @@
 // columns repeated, on every path (3x3 and 5x5 networks, histograms), plus
 // the fourth-channel rule, the frame and the allocation failures.
 #include <algorithm>
+#include <climits>
 #include <csignal>
 
 #include "support/support.h"
@@ -74,6 +75,21 @@ TEST(MedianBlur, LargeRadius) {
     Check(qvt::MakeImage(70, 45, c, 1), 20, 90);
     Check(qvt::MakeImage(17, 9, c), 12, 50);
     Check(qvt::MakeImage(5, 30, c), 7, 30);
+  }
+}
+
+// Far past the image each step adds the last column and drops the first; that
+// run is one weighted step, so a Radius near INT_MAX finishes at once and the
+// window's update mark (x + Radius + 1) does not wrap before column 0.
+TEST(MedianBlur, RadiusFarBeyondTheImage) {
+  for (int c : {1, 3}) {
+    Check(qvt::MakeImage(6, 5, c, 1), 100, 50);
+    Check(qvt::MakeImage(3, 7, c), 127, 80);
+    for (int r : {65535, INT_MAX - 1, INT_MAX}) {
+      auto src = qvt::MakeImage(9, 4, c);
+      auto dst = src;
+      EXPECT_EQ(QV_MedianBlur(src.ptr(), dst.ptr(), 9, 4, src.Stride, r, 50), STATUS_OK) << r;
+    }
   }
 }
 
