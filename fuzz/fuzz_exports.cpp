@@ -406,7 +406,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* Data, size_t Size) {
       c.Dest.Height = h;
       // The destination's channel count is the source's (keeping the padding
       // drawn), except for the blit, whose two images have their own.
-      c.Dest.Stride = std::strcmp(row.Name, "QV_BitBlt") == 0 || w <= 0 ? s : w * channel + s % w;
+      // A drawn stride may be negative: keep the padding in 0 .. w - 1.
+      c.Dest.Stride = std::strcmp(row.Name, "QV_BitBlt") == 0 || w <= 0 ? s : w * channel + ((s % w) + w) % w;
       break;
     }
     case 3:
