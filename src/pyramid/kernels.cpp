@@ -184,6 +184,34 @@ int ReduceRowVector(const uint8_t* s, uint16_t* d, int sw, int C) {
   return j;
 }
 
+// Byte gathers for eight fine 3-sample pixels 2k .. 2k+7 (24 sums, three
+// vectors) from coarse pixels k-1 .. k+4. Sum = A.wA + B.3 by byte pairs:
+// even pixels pair (s[k-1], s[k+1]) at 1 and (s[k], s[k]) at 3; odd pixels
+// pair (s[k], s[k+1]) at 4 and nothing. Vectors 0 and 1 index a load at
+// pixel k-1, vector 2 a load two bytes further on.
+struct Expand3Tables {
+  int8_t A[3][16], B[3][16], W[3][16];
+};
+constexpr Expand3Tables MakeExpand3Tables() {
+  Expand3Tables t{};
+  for (int v = 0; v < 3; ++v)
+    for (int i = 0; i < 8; ++i) {
+      const int sample = 8 * v + i, p = sample / 3, ch = sample % 3, base = v == 2 ? 2 : 0;
+      auto at = [&](int r) { return int8_t(3 * (p / 2 + r + 1) + ch - base); };  // coarse pixel k + r
+      if (p % 2 == 0) {
+        t.A[v][2 * i] = at(-1), t.A[v][2 * i + 1] = at(1);
+        t.B[v][2 * i] = at(0), t.B[v][2 * i + 1] = at(0);
+        t.W[v][2 * i] = t.W[v][2 * i + 1] = 1;
+      } else {
+        t.A[v][2 * i] = at(0), t.A[v][2 * i + 1] = at(1);
+        t.B[v][2 * i] = t.B[v][2 * i + 1] = -1;
+        t.W[v][2 * i] = t.W[v][2 * i + 1] = 4;
+      }
+    }
+  return t;
+}
+constexpr Expand3Tables kExpand3 = MakeExpand3Tables();
+
 // Returns the first middle fine position the vector loop left undone.
 int ExpandRowVector(const uint8_t* s, uint16_t* d, int fw, int C) {
   int x = 2;
@@ -209,6 +237,26 @@ int ExpandRowVector(const uint8_t* s, uint16_t* d, int fw, int C) {
       const __m128i odd = _mm_slli_epi16(_mm_add_epi16(b, c), 2);
       _mm_storeu_si128(reinterpret_cast<__m128i*>(d + x * 4), _mm_unpacklo_epi64(even, odd));
       _mm_storeu_si128(reinterpret_cast<__m128i*>(d + x * 4 + 8), _mm_unpackhi_epi64(even, odd));
+    }
+  } else {
+    // Eight fine pixels 2k .. 2k+7; the loads end at byte 3k + 14, inside the
+    // row since x + 7 <= fw - 3 gives k <= cw - 5.
+    auto T = [](const int8_t* m) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(m)); };
+    const __m128i a0 = T(kExpand3.A[0]), a1 = T(kExpand3.A[1]), a2 = T(kExpand3.A[2]);
+    const __m128i b0 = T(kExpand3.B[0]), b1 = T(kExpand3.B[1]), b2 = T(kExpand3.B[2]);
+    const __m128i w0 = T(kExpand3.W[0]), w1 = T(kExpand3.W[1]), w2 = T(kExpand3.W[2]);
+    const __m128i three = _mm_set1_epi8(3);
+    for (; x + 7 <= fw - 3; x += 8) {
+      const uint8_t* p = s + ((x >> 1) - 1) * 3;
+      const __m128i l = Load16Bytes(p), h = Load16Bytes(p + 2);
+      auto Sum = [three](__m128i v, __m128i a, __m128i b, __m128i w) {
+        return _mm_add_epi16(_mm_maddubs_epi16(_mm_shuffle_epi8(v, a), w),
+                             _mm_maddubs_epi16(_mm_shuffle_epi8(v, b), three));
+      };
+      uint16_t* o = d + x * 3;
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(o), Sum(l, a0, b0, w0));
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(o + 8), Sum(l, a1, b1, w1));
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(o + 16), Sum(h, a2, b2, w2));
     }
   }
   return x;
