@@ -154,17 +154,18 @@ int ReduceRowVector(const uint8_t* s, uint16_t* d, int sw, int C) {
       _mm_storeu_si128(reinterpret_cast<__m128i*>(d + j), sum);
     }
   } else if (C == 4) {
-    // Two output pixels from pixels 2j-2 .. 2j+4, as 64-bit halves.
+    // Two output pixels from pixels p0 .. p6 = 2j-2 .. 2j+4, by byte pairs:
+    // (p0 + 4 p1 | p2 + 4 p3) + (6 p2 + 4 p3 | 6 p4 + 4 p5) + (p4 | p6).
+    const __m128i pairs = _mm_setr_epi8(0, 4, 1, 5, 2, 6, 3, 7, 8, 12, 9, 13, 10, 14, 11, 15);
+    const __m128i singles = _mm_setr_epi8(4, -1, 5, -1, 6, -1, 7, -1, 12, -1, 13, -1, 14, -1, 15, -1);
+    const __m128i w14 = _mm_setr_epi8(1, 4, 1, 4, 1, 4, 1, 4, 1, 4, 1, 4, 1, 4, 1, 4);
+    const __m128i w64 = _mm_setr_epi8(6, 4, 6, 4, 6, 4, 6, 4, 6, 4, 6, 4, 6, 4, 6, 4);
     for (; j + 1 <= dw - 2; j += 2) {
       const uint8_t* p = s + (2 * j - 2) * 4;
-      const __m128i l0 = WidenLoU8ToU16(Load8Bytes(p)), l1 = WidenLoU8ToU16(Load8Bytes(p + 8));
-      const __m128i l2 = WidenLoU8ToU16(Load8Bytes(p + 16)), l3 = WidenLoU8ToU16(Load4Bytes(p + 24));
-      const __m128i ea = _mm_unpacklo_epi64(l0, l1), oa = _mm_unpackhi_epi64(l0, l1);
-      const __m128i eb = _mm_unpacklo_epi64(l1, l2), ob = _mm_unpackhi_epi64(l1, l2);
-      const __m128i ec = _mm_unpacklo_epi64(l2, l3);
-      __m128i sum = _mm_add_epi16(_mm_add_epi16(ea, ec), _mm_slli_epi16(_mm_add_epi16(oa, ob), 2));
-      sum = _mm_add_epi16(sum, _mm_mullo_epi16(eb, six));
-      _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 4 * j), sum);
+      const __m128i a = _mm_maddubs_epi16(_mm_shuffle_epi8(Load16Bytes(p), pairs), w14);
+      const __m128i b = _mm_maddubs_epi16(_mm_shuffle_epi8(Load16Bytes(p + 8), pairs), w64);
+      const __m128i c = _mm_shuffle_epi8(Load16Bytes(p + 12), singles);
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 4 * j), _mm_add_epi16(_mm_add_epi16(a, b), c));
     }
   } else {
     // Two output pixels (six lanes, two more written and later overwritten)
