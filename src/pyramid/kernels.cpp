@@ -342,6 +342,63 @@ static inline __m128i ExpandedOdd(const uint16_t* b, const uint16_t* c, int i) {
   return _mm_srli_epi16(_mm_add_epi16(_mm_add_epi16(vb, vc), _mm_set1_epi16(8)), 4);
 }
 
+// Eight expanded values combined with the level row as the form says, in
+// 16-bit lanes: the int16 result, or the value the byte forms saturate.
+template <ExpandOp Op>
+inline __m128i Combine8(__m128i e, __m128i Level) {
+  const __m128i bias = _mm_set1_epi16(127);
+  switch (Op) {
+    case ExpandOp::Plain:
+      return e;
+    case ExpandOp::SubtractI16:
+      return _mm_sub_epi16(Level, e);
+    case ExpandOp::AddI16:
+      return _mm_adds_epi16(e, Level);
+    case ExpandOp::SubtractBiased:
+      return _mm_add_epi16(_mm_sub_epi16(Level, e), bias);
+    case ExpandOp::AddBiased:
+      return _mm_sub_epi16(_mm_add_epi16(e, Level), bias);
+  }
+  return e;
+}
+
+// Sixteen samples a step, then eight, then the scalar rest (equal results).
+template <ExpandOp Op, bool Even>
+int ExpandColumnBody(const uint16_t* a, const uint16_t* b, const uint16_t* c, const uint8_t* f8, const int16_t* f16,
+                     uint8_t* o8, int16_t* o16, int n) {
+  auto E = [&](int i) { return Even ? ExpandedEven(a, b, c, i) : ExpandedOdd(b, c, i); };
+  auto L16 = [](const int16_t* p) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p)); };
+  int i = 0;
+  for (; i + 16 <= n; i += 16) {
+    __m128i lo = E(i), hi = E(i + 8);
+    if (Op == ExpandOp::AddI16) {
+      lo = Combine8<Op>(lo, L16(f16 + i)), hi = Combine8<Op>(hi, L16(f16 + i + 8));
+    } else if (Op != ExpandOp::Plain) {
+      const __m128i f = Load16Bytes(f8 + i);
+      lo = Combine8<Op>(lo, WidenLoU8ToU16(f)), hi = Combine8<Op>(hi, WidenHiU8ToU16(f));
+    }
+    if (Op == ExpandOp::SubtractI16) {
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(o16 + i), lo);
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(o16 + i + 8), hi);
+    } else {
+      Store16Bytes(o8 + i, _mm_packus_epi16(lo, hi));
+    }
+  }
+  if (i + 8 <= n) {
+    __m128i v = E(i);
+    if (Op == ExpandOp::AddI16)
+      v = Combine8<Op>(v, L16(f16 + i));
+    else if (Op != ExpandOp::Plain)
+      v = Combine8<Op>(v, WidenLoU8ToU16(Load8Bytes(f8 + i)));
+    if (Op == ExpandOp::SubtractI16)
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(o16 + i), v);
+    else
+      Store8Bytes(o8 + i, _mm_packus_epi16(v, v));
+    i += 8;
+  }
+  return i;
+}
+
 template <ExpandOp Op>
 void ExpandColumnRow(const uint16_t* a, const uint16_t* b, const uint16_t* c, bool Even, const void* LevelRow,
                      void* OutRow, int n) {
@@ -349,34 +406,8 @@ void ExpandColumnRow(const uint16_t* a, const uint16_t* b, const uint16_t* c, bo
   const int16_t* f16 = static_cast<const int16_t*>(LevelRow);
   uint8_t* o8 = static_cast<uint8_t*>(OutRow);
   int16_t* o16 = static_cast<int16_t*>(OutRow);
-  const int body = n & ~7;
-  const __m128i bias = _mm_set1_epi16(127);
-  for (int i = 0; i < body; i += 8) {
-    const __m128i e = Even ? ExpandedEven(a, b, c, i) : ExpandedOdd(b, c, i);
-    switch (Op) {
-      case ExpandOp::Plain:
-        Store8Bytes(o8 + i, _mm_packus_epi16(e, e));
-        break;
-      case ExpandOp::SubtractI16:
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(o16 + i), _mm_sub_epi16(WidenLoU8ToU16(Load8Bytes(f8 + i)), e));
-        break;
-      case ExpandOp::AddI16: {
-        const __m128i v = _mm_adds_epi16(e, _mm_loadu_si128(reinterpret_cast<const __m128i*>(f16 + i)));
-        Store8Bytes(o8 + i, _mm_packus_epi16(v, v));
-        break;
-      }
-      case ExpandOp::SubtractBiased: {
-        const __m128i v = _mm_add_epi16(_mm_sub_epi16(WidenLoU8ToU16(Load8Bytes(f8 + i)), e), bias);
-        Store8Bytes(o8 + i, _mm_packus_epi16(v, v));
-        break;
-      }
-      case ExpandOp::AddBiased: {
-        const __m128i v = _mm_sub_epi16(_mm_add_epi16(e, WidenLoU8ToU16(Load8Bytes(f8 + i))), bias);
-        Store8Bytes(o8 + i, _mm_packus_epi16(v, v));
-        break;
-      }
-    }
-  }
+  const int body = Even ? ExpandColumnBody<Op, true>(a, b, c, f8, f16, o8, o16, n)
+                        : ExpandColumnBody<Op, false>(a, b, c, f8, f16, o8, o16, n);
   for (int i = body; i < n; ++i) {
     const int e = Even ? (a[i] + 6 * b[i] + c[i] + 32) >> 6 : (b[i] + c[i] + 8) >> 4;
     switch (Op) {
