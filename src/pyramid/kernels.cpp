@@ -154,17 +154,18 @@ int ReduceRowVector(const uint8_t* s, uint16_t* d, int sw, int C) {
       _mm_storeu_si128(reinterpret_cast<__m128i*>(d + j), sum);
     }
   } else if (C == 4) {
-    // Two output pixels from pixels 2j-2 .. 2j+4, as 64-bit halves.
+    // Two output pixels from pixels p0 .. p6 = 2j-2 .. 2j+4, by byte pairs:
+    // (p0 + 4 p1 | p2 + 4 p3) + (6 p2 + 4 p3 | 6 p4 + 4 p5) + (p4 | p6).
+    const __m128i pairs = _mm_setr_epi8(0, 4, 1, 5, 2, 6, 3, 7, 8, 12, 9, 13, 10, 14, 11, 15);
+    const __m128i singles = _mm_setr_epi8(4, -1, 5, -1, 6, -1, 7, -1, 12, -1, 13, -1, 14, -1, 15, -1);
+    const __m128i w14 = _mm_setr_epi8(1, 4, 1, 4, 1, 4, 1, 4, 1, 4, 1, 4, 1, 4, 1, 4);
+    const __m128i w64 = _mm_setr_epi8(6, 4, 6, 4, 6, 4, 6, 4, 6, 4, 6, 4, 6, 4, 6, 4);
     for (; j + 1 <= dw - 2; j += 2) {
       const uint8_t* p = s + (2 * j - 2) * 4;
-      const __m128i l0 = WidenLoU8ToU16(Load8Bytes(p)), l1 = WidenLoU8ToU16(Load8Bytes(p + 8));
-      const __m128i l2 = WidenLoU8ToU16(Load8Bytes(p + 16)), l3 = WidenLoU8ToU16(Load4Bytes(p + 24));
-      const __m128i ea = _mm_unpacklo_epi64(l0, l1), oa = _mm_unpackhi_epi64(l0, l1);
-      const __m128i eb = _mm_unpacklo_epi64(l1, l2), ob = _mm_unpackhi_epi64(l1, l2);
-      const __m128i ec = _mm_unpacklo_epi64(l2, l3);
-      __m128i sum = _mm_add_epi16(_mm_add_epi16(ea, ec), _mm_slli_epi16(_mm_add_epi16(oa, ob), 2));
-      sum = _mm_add_epi16(sum, _mm_mullo_epi16(eb, six));
-      _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 4 * j), sum);
+      const __m128i a = _mm_maddubs_epi16(_mm_shuffle_epi8(Load16Bytes(p), pairs), w14);
+      const __m128i b = _mm_maddubs_epi16(_mm_shuffle_epi8(Load16Bytes(p + 8), pairs), w64);
+      const __m128i c = _mm_shuffle_epi8(Load16Bytes(p + 12), singles);
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 4 * j), _mm_add_epi16(_mm_add_epi16(a, b), c));
     }
   } else {
     // Two output pixels (six lanes, two more written and later overwritten)
@@ -183,6 +184,34 @@ int ReduceRowVector(const uint8_t* s, uint16_t* d, int sw, int C) {
   }
   return j;
 }
+
+// Byte gathers for eight fine 3-sample pixels 2k .. 2k+7 (24 sums, three
+// vectors) from coarse pixels k-1 .. k+4. Sum = A.wA + B.3 by byte pairs:
+// even pixels pair (s[k-1], s[k+1]) at 1 and (s[k], s[k]) at 3; odd pixels
+// pair (s[k], s[k+1]) at 4 and nothing. Vectors 0 and 1 index a load at
+// pixel k-1, vector 2 a load two bytes further on.
+struct Expand3Tables {
+  int8_t A[3][16], B[3][16], W[3][16];
+};
+constexpr Expand3Tables MakeExpand3Tables() {
+  Expand3Tables t{};
+  for (int v = 0; v < 3; ++v)
+    for (int i = 0; i < 8; ++i) {
+      const int sample = 8 * v + i, p = sample / 3, ch = sample % 3, base = v == 2 ? 2 : 0;
+      auto at = [&](int r) { return int8_t(3 * (p / 2 + r + 1) + ch - base); };  // coarse pixel k + r
+      if (p % 2 == 0) {
+        t.A[v][2 * i] = at(-1), t.A[v][2 * i + 1] = at(1);
+        t.B[v][2 * i] = at(0), t.B[v][2 * i + 1] = at(0);
+        t.W[v][2 * i] = t.W[v][2 * i + 1] = 1;
+      } else {
+        t.A[v][2 * i] = at(0), t.A[v][2 * i + 1] = at(1);
+        t.B[v][2 * i] = t.B[v][2 * i + 1] = -1;
+        t.W[v][2 * i] = t.W[v][2 * i + 1] = 4;
+      }
+    }
+  return t;
+}
+constexpr Expand3Tables kExpand3 = MakeExpand3Tables();
 
 // Returns the first middle fine position the vector loop left undone.
 int ExpandRowVector(const uint8_t* s, uint16_t* d, int fw, int C) {
@@ -209,6 +238,26 @@ int ExpandRowVector(const uint8_t* s, uint16_t* d, int fw, int C) {
       const __m128i odd = _mm_slli_epi16(_mm_add_epi16(b, c), 2);
       _mm_storeu_si128(reinterpret_cast<__m128i*>(d + x * 4), _mm_unpacklo_epi64(even, odd));
       _mm_storeu_si128(reinterpret_cast<__m128i*>(d + x * 4 + 8), _mm_unpackhi_epi64(even, odd));
+    }
+  } else {
+    // Eight fine pixels 2k .. 2k+7; the loads end at byte 3k + 14, inside the
+    // row since x + 7 <= fw - 3 gives k <= cw - 5.
+    auto T = [](const int8_t* m) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(m)); };
+    const __m128i a0 = T(kExpand3.A[0]), a1 = T(kExpand3.A[1]), a2 = T(kExpand3.A[2]);
+    const __m128i b0 = T(kExpand3.B[0]), b1 = T(kExpand3.B[1]), b2 = T(kExpand3.B[2]);
+    const __m128i w0 = T(kExpand3.W[0]), w1 = T(kExpand3.W[1]), w2 = T(kExpand3.W[2]);
+    const __m128i three = _mm_set1_epi8(3);
+    for (; x + 7 <= fw - 3; x += 8) {
+      const uint8_t* p = s + ((x >> 1) - 1) * 3;
+      const __m128i l = Load16Bytes(p), h = Load16Bytes(p + 2);
+      auto Sum = [three](__m128i v, __m128i a, __m128i b, __m128i w) {
+        return _mm_add_epi16(_mm_maddubs_epi16(_mm_shuffle_epi8(v, a), w),
+                             _mm_maddubs_epi16(_mm_shuffle_epi8(v, b), three));
+      };
+      uint16_t* o = d + x * 3;
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(o), Sum(l, a0, b0, w0));
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(o + 8), Sum(l, a1, b1, w1));
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(o + 16), Sum(h, a2, b2, w2));
     }
   }
   return x;
@@ -293,6 +342,63 @@ static inline __m128i ExpandedOdd(const uint16_t* b, const uint16_t* c, int i) {
   return _mm_srli_epi16(_mm_add_epi16(_mm_add_epi16(vb, vc), _mm_set1_epi16(8)), 4);
 }
 
+// Eight expanded values combined with the level row as the form says, in
+// 16-bit lanes: the int16 result, or the value the byte forms saturate.
+template <ExpandOp Op>
+inline __m128i Combine8(__m128i e, __m128i Level) {
+  const __m128i bias = _mm_set1_epi16(127);
+  switch (Op) {
+    case ExpandOp::Plain:
+      return e;
+    case ExpandOp::SubtractI16:
+      return _mm_sub_epi16(Level, e);
+    case ExpandOp::AddI16:
+      return _mm_adds_epi16(e, Level);
+    case ExpandOp::SubtractBiased:
+      return _mm_add_epi16(_mm_sub_epi16(Level, e), bias);
+    case ExpandOp::AddBiased:
+      return _mm_sub_epi16(_mm_add_epi16(e, Level), bias);
+  }
+  return e;
+}
+
+// Sixteen samples a step, then eight, then the scalar rest (equal results).
+template <ExpandOp Op, bool Even>
+int ExpandColumnBody(const uint16_t* a, const uint16_t* b, const uint16_t* c, const uint8_t* f8, const int16_t* f16,
+                     uint8_t* o8, int16_t* o16, int n) {
+  auto E = [&](int i) { return Even ? ExpandedEven(a, b, c, i) : ExpandedOdd(b, c, i); };
+  auto L16 = [](const int16_t* p) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p)); };
+  int i = 0;
+  for (; i + 16 <= n; i += 16) {
+    __m128i lo = E(i), hi = E(i + 8);
+    if (Op == ExpandOp::AddI16) {
+      lo = Combine8<Op>(lo, L16(f16 + i)), hi = Combine8<Op>(hi, L16(f16 + i + 8));
+    } else if (Op != ExpandOp::Plain) {
+      const __m128i f = Load16Bytes(f8 + i);
+      lo = Combine8<Op>(lo, WidenLoU8ToU16(f)), hi = Combine8<Op>(hi, WidenHiU8ToU16(f));
+    }
+    if (Op == ExpandOp::SubtractI16) {
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(o16 + i), lo);
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(o16 + i + 8), hi);
+    } else {
+      Store16Bytes(o8 + i, _mm_packus_epi16(lo, hi));
+    }
+  }
+  if (i + 8 <= n) {
+    __m128i v = E(i);
+    if (Op == ExpandOp::AddI16)
+      v = Combine8<Op>(v, L16(f16 + i));
+    else if (Op != ExpandOp::Plain)
+      v = Combine8<Op>(v, WidenLoU8ToU16(Load8Bytes(f8 + i)));
+    if (Op == ExpandOp::SubtractI16)
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(o16 + i), v);
+    else
+      Store8Bytes(o8 + i, _mm_packus_epi16(v, v));
+    i += 8;
+  }
+  return i;
+}
+
 template <ExpandOp Op>
 void ExpandColumnRow(const uint16_t* a, const uint16_t* b, const uint16_t* c, bool Even, const void* LevelRow,
                      void* OutRow, int n) {
@@ -300,34 +406,8 @@ void ExpandColumnRow(const uint16_t* a, const uint16_t* b, const uint16_t* c, bo
   const int16_t* f16 = static_cast<const int16_t*>(LevelRow);
   uint8_t* o8 = static_cast<uint8_t*>(OutRow);
   int16_t* o16 = static_cast<int16_t*>(OutRow);
-  const int body = n & ~7;
-  const __m128i bias = _mm_set1_epi16(127);
-  for (int i = 0; i < body; i += 8) {
-    const __m128i e = Even ? ExpandedEven(a, b, c, i) : ExpandedOdd(b, c, i);
-    switch (Op) {
-      case ExpandOp::Plain:
-        Store8Bytes(o8 + i, _mm_packus_epi16(e, e));
-        break;
-      case ExpandOp::SubtractI16:
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(o16 + i), _mm_sub_epi16(WidenLoU8ToU16(Load8Bytes(f8 + i)), e));
-        break;
-      case ExpandOp::AddI16: {
-        const __m128i v = _mm_adds_epi16(e, _mm_loadu_si128(reinterpret_cast<const __m128i*>(f16 + i)));
-        Store8Bytes(o8 + i, _mm_packus_epi16(v, v));
-        break;
-      }
-      case ExpandOp::SubtractBiased: {
-        const __m128i v = _mm_add_epi16(_mm_sub_epi16(WidenLoU8ToU16(Load8Bytes(f8 + i)), e), bias);
-        Store8Bytes(o8 + i, _mm_packus_epi16(v, v));
-        break;
-      }
-      case ExpandOp::AddBiased: {
-        const __m128i v = _mm_sub_epi16(_mm_add_epi16(e, WidenLoU8ToU16(Load8Bytes(f8 + i))), bias);
-        Store8Bytes(o8 + i, _mm_packus_epi16(v, v));
-        break;
-      }
-    }
-  }
+  const int body = Even ? ExpandColumnBody<Op, true>(a, b, c, f8, f16, o8, o16, n)
+                        : ExpandColumnBody<Op, false>(a, b, c, f8, f16, o8, o16, n);
   for (int i = body; i < n; ++i) {
     const int e = Even ? (a[i] + 6 * b[i] + c[i] + 32) >> 6 : (b[i] + c[i] + 8) >> 4;
     switch (Op) {

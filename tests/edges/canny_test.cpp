@@ -129,7 +129,9 @@ TEST(Canny, MatchesModelForEveryFlagCombination) {
     for (unsigned char l2 : {0, 1})
       for (unsigned char interp : {0, 1, 2})
         for (unsigned char track : {0, 1})
-          for (auto th : {std::pair<int, int>{40, 160}, {90, 90}, {-3, 200}, {10, 60}}) {
+          // Squared, 300 and 400 pass the largest magnitude: no strong or no
+          // candidate pixel at all.
+          for (auto th : {std::pair<int, int>{40, 160}, {90, 90}, {-3, 200}, {10, 60}, {200, 300}, {300, 400}}) {
             const Flags f{th.first, th.second, l2, interp, track};
             // Smooth content with a little noise gives long weak chains;
             // random content gives strong edges everywhere.
