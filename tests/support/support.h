@@ -168,7 +168,9 @@ void CheckStatusTable(const Cases& Table, const unsigned char* Dest, size_t Dest
   for (const auto& c : Table) {
     Untouched guard(Dest, DestBytes);
     EXPECT_EQ(Run(c), c.expect) << c.what;
-    if (c.expect != STATUS_OK) EXPECT_TRUE(guard.Check()) << c.what << ": Dest touched";
+    if (c.expect != STATUS_OK) {
+      EXPECT_TRUE(guard.Check()) << c.what << ": Dest touched";
+    }
   }
 }
 
