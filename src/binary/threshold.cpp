@@ -49,6 +49,15 @@ void Bounds(const int* Hist, int* First, int* Last) {
   *Last = l;
 }
 
+// The frame, then the histogram and its lowest and highest non-empty bins.
+int HistogramAndBounds(const unsigned char* Src, int Width, int Height, int Stride, int* Hist, int* First, int* Last) {
+  const int status = CheckFrame(Src, Width, Height, Stride);
+  if (status != STATUS_OK) return status;
+  Histogram(Src, Width, Height, Stride, Hist);
+  Bounds(Hist, First, Last);
+  return STATUS_OK;
+}
+
 // The library's integer sums are 32-bit and wrap on huge bright images; the
 // wrap goes through unsigned arithmetic so that it stays defined.
 inline int32_t WrapAdd(int32_t a, int64_t b) {
@@ -59,11 +68,9 @@ inline int32_t WrapAdd(int32_t a, int64_t b) {
 
 extern "C" QV_API int QV_GetOSTUThreshold(const unsigned char* Src, int Width, int Height, int Stride,
                                           int* ThresholdOut) {
-  int status = CheckFrame(Src, Width, Height, Stride);
-  if (status != STATUS_OK) return status;
   int h[256], first, last;
-  Histogram(Src, Width, Height, Stride, h);
-  Bounds(h, &first, &last);
+  const int status = HistogramAndBounds(Src, Width, Height, Stride, h, &first, &last);
+  if (status != STATUS_OK) return status;
   if (first == last) {
     *ThresholdOut = first;
     return STATUS_OK;
@@ -95,11 +102,9 @@ extern "C" QV_API int QV_GetOSTUThreshold(const unsigned char* Src, int Width, i
 
 extern "C" QV_API int QV_GetMaxEntropyThreshold(const unsigned char* Src, int Width, int Height, int Stride,
                                                 int* ThresholdOut) {
-  int status = CheckFrame(Src, Width, Height, Stride);
-  if (status != STATUS_OK) return status;
   int h[256], first, last;
-  Histogram(Src, Width, Height, Stride, h);
-  Bounds(h, &first, &last);
+  const int status = HistogramAndBounds(Src, Width, Height, Stride, h, &first, &last);
+  if (status != STATUS_OK) return status;
   if (first == last) {
     *ThresholdOut = first;
     return STATUS_OK;
@@ -135,11 +140,9 @@ extern "C" QV_API int QV_GetMaxEntropyThreshold(const unsigned char* Src, int Wi
 
 extern "C" QV_API int QV_GetIterativeBestThreshold(const unsigned char* Src, int Width, int Height, int Stride,
                                                    int* ThresholdOut) {
-  int status = CheckFrame(Src, Width, Height, Stride);
-  if (status != STATUS_OK) return status;
   int h[256], first, last;
-  Histogram(Src, Width, Height, Stride, h);
-  Bounds(h, &first, &last);
+  const int status = HistogramAndBounds(Src, Width, Height, Stride, h, &first, &last);
+  if (status != STATUS_OK) return status;
   if (first == last) {
     *ThresholdOut = first;
     return STATUS_OK;
@@ -209,11 +212,9 @@ extern "C" QV_API int QV_GetMinimumThreshold(const unsigned char* Src, int Width
 
 extern "C" QV_API int QV_GetHuangFuzzyThreshold(const unsigned char* Src, int Width, int Height, int Stride,
                                                 int* ThresholdOut) {
-  int status = CheckFrame(Src, Width, Height, Stride);
-  if (status != STATUS_OK) return status;
   int h[256], first, last;
-  Histogram(Src, Width, Height, Stride, h);
-  Bounds(h, &first, &last);
+  const int status = HistogramAndBounds(Src, Width, Height, Stride, h, &first, &last);
+  if (status != STATUS_OK) return status;
   if (first == last || first + 1 == last) {
     *ThresholdOut = first;
     return STATUS_OK;
@@ -271,11 +272,9 @@ extern "C" QV_API int QV_GetHuangFuzzyThreshold(const unsigned char* Src, int Wi
 
 extern "C" QV_API int QV_GetTriangleThreshold(const unsigned char* Src, int Width, int Height, int Stride,
                                               int* ThresholdOut) {
-  int status = CheckFrame(Src, Width, Height, Stride);
-  if (status != STATUS_OK) return status;
   int h[256], left, right;
-  Histogram(Src, Width, Height, Stride, h);
-  Bounds(h, &left, &right);
+  const int status = HistogramAndBounds(Src, Width, Height, Stride, h, &left, &right);
+  if (status != STATUS_OK) return status;
   if (left == right || left + 1 == right) {
     *ThresholdOut = left;
     return STATUS_OK;

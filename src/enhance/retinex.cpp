@@ -43,6 +43,14 @@ void ShiftRun(const int16_t* Lp, const int16_t* Lq, const int16_t* Rq, int16_t* 
   }
 }
 
+// Carries the new luminance back: a gray image takes it as it is, a colour
+// one gets the change transferred (with GainLimit as ColourTransfer reads it).
+int ApplyNewLuminance(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, int Channel,
+                      const unsigned char* Luminance, const unsigned char* Result, int GainLimit) {
+  if (Channel == 1) return qv::ApplyLuminancePlane(Src, Result, Dest, Width, Height, Stride, Width);
+  return qv::ColourTransfer(Src, Dest, Width, Height, Stride, Luminance, Result, GainLimit);
+}
+
 }  // namespace
 
 void ShiftCompare(const int16_t* L, const int16_t* R, int16_t* T, int Width, int Height, int Channel, int Dx, int Dy) {
@@ -149,12 +157,8 @@ extern "C" QV_API int QV_Retinex(const unsigned char* Src, unsigned char* Dest, 
     qv::ClipNormalizeFloat(plane, plane, Width, Height, ClipShare, ClipShare);
     status = qv::FloatPlaneToBytes(plane, result, Width, Height);
   }
-  if (status == STATUS_OK) {
-    if (Channel == 1)
-      status = qv::ApplyLuminancePlane(Src, result, Dest, Width, Height, Stride, Width);
-    else
-      status = qv::ColourTransfer(Src, Dest, Width, Height, Stride, luminance, result, 4);
-  }
+  if (status == STATUS_OK)
+    status = qv::ApplyNewLuminance(Src, Dest, Width, Height, Stride, Channel, luminance, result, 4);
   qv::Free(luminance);
   qv::Free(result);
   qv::Free(plane);
@@ -200,12 +204,8 @@ extern "C" QV_API int QV_ALTM_Retinex(const unsigned char* Src, unsigned char* D
     if (ClipShare != 0.0f) status = qv::ClipNormalizeFloat(plane, plane, Width, Height, ClipShare, ClipShare);
   }
   if (status == STATUS_OK) status = qv::FloatPlaneToBytes(plane, result, Width, Height);
-  if (status == STATUS_OK) {
-    if (Channel == 1)
-      status = qv::ApplyLuminancePlane(Src, result, Dest, Width, Height, Stride, Width);
-    else
-      status = qv::ColourTransfer(Src, Dest, Width, Height, Stride, luminance, result, 0);
-  }
+  if (status == STATUS_OK)
+    status = qv::ApplyNewLuminance(Src, Dest, Width, Height, Stride, Channel, luminance, result, 0);
   qv::Free(luminance);
   qv::Free(result);
   qv::Free(plane);

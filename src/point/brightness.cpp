@@ -171,11 +171,7 @@ int VibranceApply(const unsigned char* Src, unsigned char* Dest, int Width, int 
     unsigned char* d = Dest + size_t(y) * Stride;
     for (int x = 0; x < block_end; x += 16) {
       __m128i p[4];
-      if (Channel == 3) {
-        const qv::Planes3 q = qv::Load3Planes(s + 3 * x);
-        p[0] = q.p0, p[1] = q.p1, p[2] = q.p2;
-      } else
-        qv::SplitPixels4(s + 4 * x, p[0], p[1], p[2], p[3]);
+      qv::LoadPixels16(s + Channel * x, Channel, p);
       const __m128i m8 = _mm_max_epu8(_mm_max_epu8(p[0], p[1]), p[2]);
       __m128i out[2][3];
       for (int half = 0; half < 2; ++half) {

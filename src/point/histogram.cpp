@@ -399,11 +399,7 @@ extern "C" QV_API int QV_AutoEnhanceColors(const unsigned char* Src, unsigned ch
     unsigned char* d = Dest + size_t(y) * Stride;
     for (int x = 0; x < block_end; x += 16) {
       __m128i p[4];
-      if (Channel == 3) {
-        const qv::Planes3 q = qv::Load3Planes(s + 3 * x);
-        p[0] = q.p0, p[1] = q.p1, p[2] = q.p2;
-      } else
-        qv::SplitPixels4(s + 4 * x, p[0], p[1], p[2], p[3]);
+      qv::LoadPixels16(s + Channel * x, Channel, p);
       __m128i w[2][3];
       for (int c = 0; c < 3; ++c) {
         w[0][c] = _mm_unpacklo_epi8(p[c], zero);

@@ -4,6 +4,8 @@
 
 #include <tmmintrin.h>
 
+#include "point/shuffle3.h"
+
 namespace qv {
 
 // Groups each 4-pixel vector by sample; the permutation is its own inverse.
@@ -33,6 +35,15 @@ static inline void MergePixels4(unsigned char* Dest, __m128i P0, __m128i P1, __m
   _mm_storeu_si128(reinterpret_cast<__m128i*>(Dest + 16), GroupBySample4(_mm_unpackhi_epi64(t0, t2)));
   _mm_storeu_si128(reinterpret_cast<__m128i*>(Dest + 32), GroupBySample4(_mm_unpacklo_epi64(t1, t3)));
   _mm_storeu_si128(reinterpret_cast<__m128i*>(Dest + 48), GroupBySample4(_mm_unpackhi_epi64(t1, t3)));
+}
+
+// 16 pixels of three or four samples into planes; P[3] is left alone for three.
+static inline void LoadPixels16(const unsigned char* Src, int Channel, __m128i* P) {
+  if (Channel == 3) {
+    const Planes3 q = Load3Planes(Src);
+    P[0] = q.p0, P[1] = q.p1, P[2] = q.p2;
+  } else
+    SplitPixels4(Src, P[0], P[1], P[2], P[3]);
 }
 
 }  // namespace qv

@@ -287,13 +287,26 @@ int ApplyGuidedModel(const unsigned char* Guide, const float* PlaneA, const floa
 
 namespace {
 
+// The frame both filters share, in its order (Guide is left to the reduction).
+int CheckGuidedFrame(const unsigned char* Src, const unsigned char* Dest, int Width, int Height, int Radius,
+                     int ScaleRatio, int Channel) {
+  if (Src == nullptr) return STATUS_NULL_REFERENCE;
+  if (Dest == nullptr) return STATUS_NULL_REFERENCE;
+  if (Width < 1 || Height < 1 || Radius < 1) return STATUS_INVALID_PARAMETER;
+  if (!qv::IsChannel134(Channel)) return STATUS_NOT_SUPPORTED;
+  if (ScaleRatio < 10 || ScaleRatio > 100) return STATUS_INVALID_PARAMETER;
+  return STATUS_OK;
+}
+
 // Reduced grid: ScaleRatio percent of each size, unless that grid is narrower
 // than 6 or lower than 5, which runs at full size (the two limits differ).
+// The box radius on it: Radius raised to 4, capped by the smaller full size,
+// then scaled with the grid.
 struct Grid {
   int Width, Height;
-  float Scale;
+  float Scale, Radius;
 };
-Grid ReducedGrid(int Width, int Height, int ScaleRatio) {
+Grid ReducedGrid(int Width, int Height, int ScaleRatio, int Radius) {
   float scale = ScaleRatio * 0.01f;
   int sw = static_cast<int>(static_cast<double>(Width * scale) + 0.5);
   int sh = static_cast<int>(static_cast<double>(Height * scale) + 0.5);
@@ -302,7 +315,10 @@ Grid ReducedGrid(int Width, int Height, int ScaleRatio) {
     sh = Height;
     scale = 1.0f;
   }
-  return {sw, sh, scale};
+  if (Radius < 4) Radius = 4;
+  const int limit = Width < Height ? Width : Height;
+  if (Radius > limit) Radius = limit;
+  return {sw, sh, scale, scale * static_cast<float>(Radius)};
 }
 
 // Guided coefficients in double, stored as float; b uses a before rounding.
@@ -363,17 +379,10 @@ void MultiplyInto(const float* X, const float* Y, float* Out, size_t n) {
 extern "C" QV_API int QV_GuidedFilter(const unsigned char* Src, const unsigned char* Guide, unsigned char* Dest,
                                       int Width, int Height, int Stride, int Radius, int ScaleRatio, float Eps) {
   const int Channel = qv::DeriveChannel(Stride, Width);
-  if (Src == nullptr) return STATUS_NULL_REFERENCE;
-  if (Dest == nullptr) return STATUS_NULL_REFERENCE;  // Guide is left to ResampleToFloat
-  if (Width < 1 || Height < 1 || Radius < 1) return STATUS_INVALID_PARAMETER;
-  if (!qv::IsChannel134(Channel)) return STATUS_NOT_SUPPORTED;
-  if (ScaleRatio < 10 || ScaleRatio > 100) return STATUS_INVALID_PARAMETER;
-  if (Radius < 4) Radius = 4;
-
-  const Grid g = ReducedGrid(Width, Height, ScaleRatio);
-  const int limit = Width < Height ? Width : Height;
-  if (Radius > limit) Radius = limit;
-  const float small_radius = g.Scale * static_cast<float>(Radius);
+  const int frame = CheckGuidedFrame(Src, Dest, Width, Height, Radius, ScaleRatio, Channel);
+  if (frame != STATUS_OK) return frame;
+  const Grid g = ReducedGrid(Width, Height, ScaleRatio, Radius);
+  const float small_radius = g.Radius;
   const float eps2 = Eps * Eps;
 
   const size_t n = size_t(g.Width) * g.Height * Channel;
@@ -411,17 +420,10 @@ extern "C" QV_API int QV_GuidedFilter(const unsigned char* Src, const unsigned c
 extern "C" QV_API int QV_SelfGuidedFilter(const unsigned char* Src, unsigned char* Dest, int Width, int Height,
                                           int Stride, int Radius, int ScaleRatio, float Eps) {
   const int Channel = qv::DeriveChannel(Stride, Width);
-  if (Src == nullptr) return STATUS_NULL_REFERENCE;
-  if (Dest == nullptr) return STATUS_NULL_REFERENCE;
-  if (Width < 1 || Height < 1 || Radius < 1) return STATUS_INVALID_PARAMETER;
-  if (!qv::IsChannel134(Channel)) return STATUS_NOT_SUPPORTED;
-  if (ScaleRatio < 10 || ScaleRatio > 100) return STATUS_INVALID_PARAMETER;
-  if (Radius < 4) Radius = 4;
-
-  const Grid g = ReducedGrid(Width, Height, ScaleRatio);
-  const int limit = Width < Height ? Width : Height;
-  if (Radius > limit) Radius = limit;
-  const float small_radius = g.Scale * static_cast<float>(Radius);
+  const int frame = CheckGuidedFrame(Src, Dest, Width, Height, Radius, ScaleRatio, Channel);
+  if (frame != STATUS_OK) return frame;
+  const Grid g = ReducedGrid(Width, Height, ScaleRatio, Radius);
+  const float small_radius = g.Radius;
   const float eps2 = Eps * Eps;
 
   const size_t n = size_t(g.Width) * g.Height * Channel;

@@ -2,7 +2,6 @@
 // library's own blur, the distance, the stretch), the Lab conversion and the
 // stretch over every tail length, and the frame.
 #include <cmath>
-#include <csignal>
 
 #include "edges/edges.h"
 #include "point/luminance.h"
@@ -139,24 +138,15 @@ TEST(Saliency, FlatImageAndPaddedWidthFive) {
 
 TEST(Saliency, FrameOrderAndFailures) {
   unsigned char buf[64] = {1, 2, 3};
-  struct Case {
-    const char* what;
-    const unsigned char* src;
-    unsigned char* dst;
-    int w, h, stride, expect;
-  } cases[] = {
+  const qvt::FrameCase cases[] = {
       {"null src before sizes", nullptr, buf, 3, 0, 9, STATUS_NULL_REFERENCE},
       {"null dest", buf, nullptr, 3, 1, 9, STATUS_NULL_REFERENCE},
       {"height 0 before channel", buf, buf, 3, 0, 3, STATUS_INVALID_PARAMETER},
       {"one channel", buf, buf, 4, 1, 4, STATUS_NOT_SUPPORTED},
       {"four channels pass, then the conversion says 1", buf, buf, 4, 1, 16, STATUS_INVALID_PARAMETER},
   };
-  for (auto& c : cases) {
-    unsigned char before[64];
-    std::copy(buf, buf + 64, before);
-    EXPECT_EQ(QV_SalientRegionDetection_FT(c.src, c.dst, c.w, c.h, c.stride, 0), c.expect) << c.what;
-    EXPECT_TRUE(std::equal(buf, buf + 64, before)) << c.what;
-  }
+  qvt::CheckStatusTable(
+      cases, buf, 64, [&](const auto& c) { return QV_SalientRegionDetection_FT(c.src, c.dst, c.w, c.h, c.stride, 0); });
   // Width 2 padded to 4 makes the planes look 2-channel to the means.
   auto small = qvt::MakeImage(2, 3, 3);
   qvt::Bytes d(12);
@@ -185,8 +175,7 @@ TEST(Saliency, FrameOrderAndFailures) {
 
 TEST(SaliencyDeathTest, ZeroWidthFaults) {
   unsigned char buf[16] = {};
-  volatile int w = 0;
-  EXPECT_EXIT(QV_SalientRegionDetection_FT(nullptr, buf, w, 0, 4, 0), ::testing::KilledBySignal(SIGFPE), "");
+  qvt::ExpectDivideFault([&](int w) { return QV_SalientRegionDetection_FT(nullptr, buf, w, 0, 4, 0); });
 }
 
 }  // namespace

@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <climits>
 #include <cmath>
-#include <csignal>
 
 #include "support/support.h"
 
@@ -273,12 +272,7 @@ TEST(Dehaze, WhiteImageClampsAndFourthByteIsKept) {
 
 TEST(Dehaze, FrameOrder) {
   unsigned char buf[64] = {1, 2, 3};
-  struct Case {
-    const char* what;
-    const unsigned char* src;
-    unsigned char* dst;
-    int w, h, stride, expect;
-  } cases[] = {
+  const qvt::FrameCase cases[] = {
       {"gray refused before pointers", nullptr, nullptr, 4, 1, 4, STATUS_INVALID_PARAMETER},
       {"channel 0 before pointers", nullptr, buf, 4, 1, 3, STATUS_INVALID_PARAMETER},
       {"channel 2", buf, buf, 4, 1, 8, STATUS_INVALID_PARAMETER},
@@ -287,21 +281,16 @@ TEST(Dehaze, FrameOrder) {
       {"height 0", buf, buf, 3, 0, 9, STATUS_INVALID_PARAMETER},
       {"negative sizes", buf, buf, -3, -1, -9, STATUS_INVALID_PARAMETER},
   };
-  for (auto& c : cases) {
-    unsigned char before[64];
-    std::copy(buf, buf + 64, before);
-    EXPECT_EQ(QV_HazeRemovalBasedOnDarkChannelPrior(c.src, c.dst, c.w, c.h, c.stride, 3, 6, 230, 0.95f, 0.1f, 1.0f),
-              c.expect)
-        << c.what;
-    EXPECT_TRUE(std::equal(buf, buf + 64, before)) << c.what << ": Dest touched";
-  }
+  qvt::CheckStatusTable(cases, buf, 64, [&](const auto& c) {
+    return QV_HazeRemovalBasedOnDarkChannelPrior(c.src, c.dst, c.w, c.h, c.stride, 3, 6, 230, 0.95f, 0.1f, 1.0f);
+  });
 }
 
 TEST(DehazeDeathTest, WidthZeroFaults) {
   unsigned char buf[16] = {};
-  volatile int w = 0;
-  EXPECT_EXIT(QV_HazeRemovalBasedOnDarkChannelPrior(nullptr, buf, w, 1, 4, 3, 6, 230, 0.95f, 0.1f, 1.0f),
-              ::testing::KilledBySignal(SIGFPE), "");
+  qvt::ExpectDivideFault([&](int w) {
+    return QV_HazeRemovalBasedOnDarkChannelPrior(nullptr, buf, w, 1, 4, 3, 6, 230, 0.95f, 0.1f, 1.0f);
+  });
 }
 
 TEST(Dehaze, NestedFailuresComeBackWithNothingLeaked) {

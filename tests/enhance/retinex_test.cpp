@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <csignal>
 #include <cstring>
 
 #include "enhance/float_tail.h"
@@ -472,10 +471,9 @@ TEST(RetinexFamily, FrameOrder) {
 
 TEST(RetinexFamilyDeathTest, WidthZeroFaults) {
   unsigned char buf[16] = {};
-  volatile int w = 0;
-  EXPECT_EXIT(QV_Retinex(nullptr, buf, w, 1, 4, 10, 2, 0.01f), ::testing::KilledBySignal(SIGFPE), "");
-  EXPECT_EXIT(QV_ALTM_Retinex(nullptr, buf, w, 1, 4, 0.01f), ::testing::KilledBySignal(SIGFPE), "");
-  EXPECT_EXIT(QV_FrankleMccannRetinex(nullptr, buf, w, 1, 4, 1), ::testing::KilledBySignal(SIGFPE), "");
+  qvt::ExpectDivideFault([&](int w) { return QV_Retinex(nullptr, buf, w, 1, 4, 10, 2, 0.01f); });
+  qvt::ExpectDivideFault([&](int w) { return QV_ALTM_Retinex(nullptr, buf, w, 1, 4, 0.01f); });
+  qvt::ExpectDivideFault([&](int w) { return QV_FrankleMccannRetinex(nullptr, buf, w, 1, 4, 1); });
 }
 
 }  // namespace

@@ -3,8 +3,6 @@
 // stated values, and the frames as tables.
 #include "point/brightness.h"
 
-#include <csignal>
-
 #include "support/support.h"
 
 namespace {
@@ -220,11 +218,10 @@ TEST(BrightnessFrames, StatusTables) {
 TEST(BrightnessFramesDeathTest, ZeroWidthFaultsFirst) {
   unsigned char buf[16] = {};
   uint64_t sum;
-  volatile int w = 0;
-  EXPECT_EXIT(QV_AdjustBrightnessAndContrast(nullptr, buf, w, 0, 4, 0, 0), ::testing::KilledBySignal(SIGFPE), "");
-  EXPECT_EXIT(QV_Vibrance(nullptr, buf, w, 0, 4, 50), ::testing::KilledBySignal(SIGFPE), "");
-  EXPECT_EXIT(QV_Vibrance(nullptr, buf, w, 0, 4, -50), ::testing::KilledBySignal(SIGFPE), "");
-  EXPECT_EXIT(qv::ImageSampleSum(nullptr, w, 0, 4, &sum), ::testing::KilledBySignal(SIGFPE), "");
+  qvt::ExpectDivideFault([&](int w) { return QV_AdjustBrightnessAndContrast(nullptr, buf, w, 0, 4, 0, 0); });
+  qvt::ExpectDivideFault([&](int w) { return QV_Vibrance(nullptr, buf, w, 0, 4, 50); });
+  qvt::ExpectDivideFault([&](int w) { return QV_Vibrance(nullptr, buf, w, 0, 4, -50); });
+  qvt::ExpectDivideFault([&](int w) { return qv::ImageSampleSum(nullptr, w, 0, 4, &sum); });
 }
 
 }  // namespace

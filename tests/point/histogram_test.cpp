@@ -528,13 +528,11 @@ TEST(HistogramFrames, StatusTables) {
 TEST(HistogramFramesDeathTest, ZeroWidthFaultsFirst) {
   unsigned char buf[16] = {};
   int target[256] = {};
-  volatile int w = 0;
-  EXPECT_EXIT(QV_AutoLevel(nullptr, buf, w, 0, 4, 0.1f, 0), ::testing::KilledBySignal(SIGFPE), "");
-  EXPECT_EXIT(QV_AutoContrast(nullptr, buf, w, 0, 4, 0.1f, 0), ::testing::KilledBySignal(SIGFPE), "");
-  EXPECT_EXIT(QV_AutoEnhanceColors(nullptr, buf, w, 0, 4), ::testing::KilledBySignal(SIGFPE), "");
-  EXPECT_EXIT(QV_HistEqualize(nullptr, buf, w, 0, 4, 0, 100), ::testing::KilledBySignal(SIGFPE), "");
-  EXPECT_EXIT(QV_HistgramMatching(nullptr, buf, w, 0, 4, target, target, target), ::testing::KilledBySignal(SIGFPE),
-              "");
+  qvt::ExpectDivideFault([&](int w) { return QV_AutoLevel(nullptr, buf, w, 0, 4, 0.1f, 0); });
+  qvt::ExpectDivideFault([&](int w) { return QV_AutoContrast(nullptr, buf, w, 0, 4, 0.1f, 0); });
+  qvt::ExpectDivideFault([&](int w) { return QV_AutoEnhanceColors(nullptr, buf, w, 0, 4); });
+  qvt::ExpectDivideFault([&](int w) { return QV_HistEqualize(nullptr, buf, w, 0, 4, 0, 100); });
+  qvt::ExpectDivideFault([&](int w) { return QV_HistgramMatching(nullptr, buf, w, 0, 4, target, target, target); });
 }
 
 }  // namespace

@@ -291,14 +291,12 @@ TEST(LuminanceDeathTest, ZeroWidthFaultsFirst) {
   unsigned char buf[16] = {};
   int v[4];
   unsigned isum[4];
-  volatile int w = 0;
-  EXPECT_EXIT(QV_GetLuminance(nullptr, buf, w, 0, 4, 0), ::testing::KilledBySignal(SIGFPE), "");
-  EXPECT_EXIT(QV_Desaturate(nullptr, buf, w, 0, 4), ::testing::KilledBySignal(SIGFPE), "");
-  EXPECT_EXIT(qv::ApplyLuminancePlane(nullptr, buf, buf, w, 0, 4, 4), ::testing::KilledBySignal(SIGFPE), "");
-  EXPECT_EXIT(qv::BlendByMask(nullptr, buf, buf, w, 0, 4), ::testing::KilledBySignal(SIGFPE), "");
-  EXPECT_EXIT(qv::ImageChannelMeans(nullptr, w, 0, 4, &v[0], &v[1], &v[2], &v[3]), ::testing::KilledBySignal(SIGFPE),
-              "");
-  EXPECT_EXIT(qv::IntegralImage(nullptr, isum, w, 0, 4), ::testing::KilledBySignal(SIGFPE), "");
+  qvt::ExpectDivideFault([&](int w) { return QV_GetLuminance(nullptr, buf, w, 0, 4, 0); });
+  qvt::ExpectDivideFault([&](int w) { return QV_Desaturate(nullptr, buf, w, 0, 4); });
+  qvt::ExpectDivideFault([&](int w) { return qv::ApplyLuminancePlane(nullptr, buf, buf, w, 0, 4, 4); });
+  qvt::ExpectDivideFault([&](int w) { return qv::BlendByMask(nullptr, buf, buf, w, 0, 4); });
+  qvt::ExpectDivideFault([&](int w) { return qv::ImageChannelMeans(nullptr, w, 0, 4, &v[0], &v[1], &v[2], &v[3]); });
+  qvt::ExpectDivideFault([&](int w) { return qv::IntegralImage(nullptr, isum, w, 0, 4); });
 }
 
 }  // namespace

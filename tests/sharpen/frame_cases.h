@@ -2,8 +2,6 @@
 // as one status table, and a way to run the whole-run blur models.
 #pragma once
 
-#include <algorithm>
-#include <csignal>
 #include <functional>
 
 #include "support/support.h"
@@ -16,12 +14,7 @@ using FrameCall = std::function<int(const unsigned char* Src, unsigned char* Des
 inline void CheckStandardFrame(const FrameCall& Call, int BadChannel) {
   unsigned char src[64], buf[64];
   for (int i = 0; i < 64; ++i) src[i] = static_cast<unsigned char>(i * 37), buf[i] = static_cast<unsigned char>(i);
-  struct Case {
-    const char* what;
-    const unsigned char* src;
-    unsigned char* dst;
-    int w, h, stride, expect;
-  } cases[] = {
+  const FrameCase cases[] = {
       {"null src before sizes", nullptr, buf, 3, 0, 9, STATUS_NULL_REFERENCE},
       {"null dest before sizes", src, nullptr, 3, 0, 9, STATUS_NULL_REFERENCE},
       {"null dest before channel", src, nullptr, 4, 1, 8, STATUS_NULL_REFERENCE},
@@ -32,19 +25,13 @@ inline void CheckStandardFrame(const FrameCall& Call, int BadChannel) {
       {"channel 0", src, buf, 4, 1, 3, BadChannel},
       {"channel 5", src, buf, 3, 1, 15, BadChannel},
   };
-  for (auto& c : cases) {
-    unsigned char before[64];
-    std::copy(buf, buf + 64, before);
-    EXPECT_EQ(Call(c.src, c.dst, c.w, c.h, c.stride), c.expect) << c.what;
-    EXPECT_TRUE(std::equal(buf, buf + 64, before)) << c.what << ": Dest touched";
-  }
+  CheckStatusTable(cases, buf, sizeof buf, [&](const FrameCase& c) { return Call(c.src, c.dst, c.w, c.h, c.stride); });
 }
 
 // The frame divides first: a Width of 0 faults even with a null pointer.
 inline void ExpectZeroWidthFaults(const FrameCall& Call) {
   unsigned char buf[16] = {};
-  volatile int w = 0;
-  EXPECT_EXIT(Call(nullptr, buf, w, 0, 4), ::testing::KilledBySignal(SIGFPE), "");
+  ExpectDivideFault([&](int w) { return Call(nullptr, buf, w, 0, 4); });
 }
 
 // The exported exponential blur of Src over a copy of Dest: what an operator

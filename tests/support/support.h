@@ -1,9 +1,11 @@
 // Shared test helpers: exact-size images, deterministic random content, the
-// shapes every byte-exact comparison walks, and the allocation hook guard.
+// shapes every byte-exact comparison walks, status tables with their "Dest
+// untouched" guard, the divide-fault death test and the allocation hook.
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <cstdint>
 #include <functional>
 #include <random>
@@ -59,8 +61,8 @@ inline Image MakeNaturalImage(int Width, int Height, int Channel, int Pad = 0, u
   for (int y = 0; y < Height; ++y)
     for (int x = 0; x < Width; ++x)
       for (int c = 0; c < Channel; ++c) {
-        int v = (x * 255) / (Width > 1 ? Width - 1 : 1) * (c + 1) / 3 + (y * 200) / (Height > 1 ? Height - 1 : 1) / (c + 1) +
-                n(rng);
+        int v = (x * 255) / (Width > 1 ? Width - 1 : 1) * (c + 1) / 3 +
+                (y * 200) / (Height > 1 ? Height - 1 : 1) / (c + 1) + n(rng);
         im.at(x, y, c) = static_cast<unsigned char>(v < 0 ? 0 : (v > 255 ? 255 : v));
       }
   return im;
@@ -108,7 +110,10 @@ inline ::testing::AssertionResult SameBytes(const Bytes& expect, const Bytes& go
 // Arms the allocation hook for one scope and disarms it on exit.
 struct AllocHook {
   AllocHook() { qv::alloc_hook::Reset(); }
-  explicit AllocHook(int FailAt) { qv::alloc_hook::Reset(); qv::alloc_hook::FailAt(FailAt); }
+  explicit AllocHook(int FailAt) {
+    qv::alloc_hook::Reset();
+    qv::alloc_hook::FailAt(FailAt);
+  }
   ~AllocHook() { qv::alloc_hook::Disarm(); }
   int Requests() const { return qv::alloc_hook::Requests(); }
   int Live() const { return qv::alloc_hook::Live(); }
@@ -133,6 +138,56 @@ inline int CheckEveryAllocationFailure(const std::function<int()>& Call, int Exp
   }
   ADD_FAILURE() << "call keeps allocating";
   return -1;
+}
+
+// Remembers a buffer's bytes; Check() says whether they are all still there.
+class Untouched {
+ public:
+  Untouched(const unsigned char* p, size_t n) : p_(p), before_(p, p + n) {}
+  explicit Untouched(const Image& im) : Untouched(im.ptr(), im.data.size()) {}
+  ::testing::AssertionResult Check() const { return SameBytes(before_, Bytes(p_, p_ + before_.size())); }
+
+ private:
+  const unsigned char* p_;
+  Bytes before_;
+};
+
+// One row of the usual frame table: a call's buffers and sizes, and its status.
+struct FrameCase {
+  const char* what;
+  const unsigned char* src;
+  unsigned char* dst;
+  int w, h, stride, expect;
+};
+
+// Runs each row of a status table (any struct with `what` and `expect`):
+// Call(row) must give row.expect, and a failed call must leave the
+// DestBytes bytes at Dest as they were.
+template <class Cases, class Call>
+void CheckStatusTable(const Cases& Table, const unsigned char* Dest, size_t DestBytes, Call&& Run) {
+  for (const auto& c : Table) {
+    Untouched guard(Dest, DestBytes);
+    EXPECT_EQ(Run(c), c.expect) << c.what;
+    if (c.expect != STATUS_OK) {
+      EXPECT_TRUE(guard.Check()) << c.what << ": Dest touched";
+    }
+  }
+}
+
+// The frames that divide first: Call (given a Width of 0 the compiler cannot
+// see) must die of the divide fault.
+template <class Call>
+void ExpectDivideFault(Call&& Run) {
+  volatile int zero = 0;
+  EXPECT_EXIT(Run(zero), ::testing::KilledBySignal(SIGFPE), "");
+}
+
+// CheckEveryAllocationFailure where each failed call must also leave Dest
+// as it was.
+inline int CheckAllocationFailuresKeep(const std::function<int()>& Call, const Image& Dest,
+                                       int Expected = STATUS_OUT_OF_MEMORY) {
+  const Untouched guard(Dest);
+  return CheckEveryAllocationFailure(Call, Expected, [&] { EXPECT_TRUE(guard.Check()) << "Dest touched"; });
 }
 
 }  // namespace qvt
