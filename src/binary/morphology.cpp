@@ -295,13 +295,54 @@ void DirectRow(const unsigned char* Src, unsigned char* Dest, int m, unsigned ch
 // bytes of one row position lie side by side, the column pass runs down those
 // lines (a pixel is C such vectors), and the band is transposed back. The rows
 // of the last band past Height repeat its last row and are not written back.
+// The sliding extremum down the lines of a band, which are padded in place
+// by Radius copies of the first and last pixel: padded pixel t is at Lines +
+// t * 16 * C, with no clamp. The same blocks as SlideChunk, with the prefix
+// in registers; output p goes to padded pixel p + Radius, behind every read.
 template <class Op, int C>
-void SlideBand(unsigned char* const* Rows, int Count, int Width, int Radius, unsigned char* Lines, unsigned char* Ring0,
-               unsigned char* Ring1, unsigned char* Prefix) {
-  const int m = C * Width;
+void SlideLines(unsigned char* Lines, int n, int Radius, unsigned char* Ring0, unsigned char* Ring1) {
+  using E = Vecs<C>;
+  constexpr int eb = 16 * C;
+  const int r = Radius, k = 2 * r + 1, total = n + 2 * r;
+  unsigned char* ring[2] = {Ring0, Ring1};
+  int parity = 0;
+  for (int b = 0; b < total; b += k, parity ^= 1) {
+    const int e = b + k < total ? b + k : total;
+    unsigned char* s = ring[parity];
+    const unsigned char* older = ring[parity ^ 1];
+    E acc = E::Load(Lines + ptrdiff_t(e - 1) * eb);
+    acc.Store(s + (e - 1 - b) * eb);
+    for (int t = e - 2; t >= b; --t) {
+      acc = E::template Pick<Op>(acc, E::Load(Lines + ptrdiff_t(t) * eb));
+      acc.Store(s + (t - b) * eb);
+    }
+    // Block 0 is always whole (total >= k); its only output is pixel 0.
+    if (b == 0) {
+      acc.Store(Lines + ptrdiff_t(r) * eb);
+      continue;
+    }
+    E prefix = E::Load(Lines + ptrdiff_t(b) * eb);
+    for (int t = b;;) {
+      const unsigned char* sp = t == b + k - 1 ? s : older + (t - b + 1) * eb;
+      E::template Pick<Op>(prefix, E::Load(sp)).Store(Lines + ptrdiff_t(t - r) * eb);
+      if (++t == e) break;
+      prefix = E::template Pick<Op>(prefix, E::Load(Lines + ptrdiff_t(t) * eb));
+    }
+  }
+}
+
+// Larger radii: bands of 16 rows are transposed into lines where the 16 rows'
+// bytes of one row position lie side by side (a pixel is C such vectors), the
+// sliding extremum runs down the lines, and the band is transposed back. The
+// rows of the last band past Height repeat its last row and are not written.
+template <class Op, int C>
+void SlideBand(unsigned char* const* Rows, int Count, int Width, int Radius, unsigned char* Padded,
+               unsigned char* Ring0, unsigned char* Ring1) {
+  const int m = C * Width, eb = 16 * C;
+  unsigned char* lines = Padded + ptrdiff_t(Radius) * eb;
   if (m >= 16) {
     for (int x = 0;; x = x + 32 <= m ? x + 16 : m - 16) {
-      BandToLines(Rows, x, Lines + 16 * x);
+      BandToLines(Rows, x, lines + 16 * x);
       if (x == m - 16) break;
     }
   } else {
@@ -311,26 +352,30 @@ void SlideBand(unsigned char* const* Rows, int Count, int Width, int Radius, uns
       std::memcpy(block[j], Rows[j], m);
       rows[j] = block[j];
     }
-    BandToLines(rows, 0, Lines);
+    BandToLines(rows, 0, lines);
   }
-  SlideChunk<Op, Vecs<C>>({Lines, 16 * C, Width, Radius}, Lines, 16 * C, Ring0, Ring1, Prefix);
+  for (int i = 0; i < Radius; ++i) {
+    std::memcpy(Padded + ptrdiff_t(i) * eb, lines, eb);
+    std::memcpy(lines + ptrdiff_t(Width + i) * eb, lines + ptrdiff_t(Width - 1) * eb, eb);
+  }
+  SlideLines<Op, C>(Padded, Width, Radius, Ring0, Ring1);
   if (m >= 16) {
     for (int x = 0;; x = x + 32 <= m ? x + 16 : m - 16) {
-      LinesToBand(Lines + 16 * x, Rows, Count, x);
+      LinesToBand(lines + 16 * x, Rows, Count, x);
       if (x == m - 16) break;
     }
   } else {
     alignas(16) unsigned char block[16][16];
     unsigned char* rows[16];
     for (int j = 0; j < 16; ++j) rows[j] = block[j];
-    LinesToBand(Lines, rows, 16, 0);
+    LinesToBand(lines, rows, 16, 0);
     for (int j = 0; j < Count; ++j) std::memcpy(Rows[j], block[j], m);
   }
 }
 
 template <class Op, int C>
 void HorizontalRows(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, int Radius,
-                    unsigned char* Lines, unsigned char* Ring0, unsigned char* Ring1, unsigned char* Prefix) {
+                    unsigned char* Lines, unsigned char* Ring0, unsigned char* Ring1) {
   const int m = C * Width;
   if (Radius <= 2) {
     for (int y = 0; y < Height; ++y) {
@@ -353,7 +398,7 @@ void HorizontalRows(const unsigned char* Src, unsigned char* Dest, int Width, in
       rows[j] = Dest + ptrdiff_t(yy) * Stride;
       if (Src != Dest && j < count) std::memcpy(rows[j], Src + ptrdiff_t(yy) * Stride, m);
     }
-    SlideBand<Op, C>(rows, count, Width, Radius, Lines, Ring0, Ring1, Prefix);
+    SlideBand<Op, C>(rows, count, Width, Radius, Lines, Ring0, Ring1);
   }
 }
 
@@ -365,13 +410,13 @@ int FilterHorizontal(const unsigned char* Src, unsigned char* Dest, int Width, i
   if (!qv::IsChannel134(Channel)) return STATUS_INVALID_PARAMETER;
   const int r = LimitRadius(Radius, Width);
   const int m = Channel * Width;
-  // Lines of a band (16 bytes per row byte), or a padded row for the small
-  // radii; one block of suffix pixels of 16 * Channel bytes per ring, and the
-  // prefix pixel after ring 0's block.
-  const size_t lines = size_t(m < 16 ? 16 : m) * 16 + 4 * Channel + 96;
+  // The padded lines of a band (16 bytes per row byte, Radius pixels of
+  // 16 * Channel bytes at each end), or a padded row for the small radii; one
+  // block of suffix pixels per ring.
+  const size_t lines = size_t(m < 16 ? 16 : m) * 16 + size_t(2 * r) * 16 * Channel + 4 * Channel + 96;
   const int k = 2 * r + 1, pixels = k < Width + 2 * r ? k : Width + 2 * r;
   const size_t block = size_t(pixels) * 16 * Channel;
-  unsigned char* ring0 = qv::AlignedArray<unsigned char>(block + 16 * Channel, 32);
+  unsigned char* ring0 = qv::AlignedArray<unsigned char>(block, 32);
   unsigned char* ring1 = qv::AlignedArray<unsigned char>(block, 32);
   unsigned char* band = qv::AlignedArray<unsigned char>(lines, 32);
   if (ring0 == nullptr || ring1 == nullptr || band == nullptr) {
@@ -380,16 +425,15 @@ int FilterHorizontal(const unsigned char* Src, unsigned char* Dest, int Width, i
     qv::AlignedFree(band);
     return STATUS_OUT_OF_MEMORY;
   }
-  unsigned char* prefix = ring0 + block;
   if (r == 0) {
     if (Src != Dest)
       for (int y = 0; y < Height; ++y) std::memcpy(Dest + ptrdiff_t(y) * Stride, Src + ptrdiff_t(y) * Stride, m);
   } else if (Channel == 1) {
-    HorizontalRows<Op, 1>(Src, Dest, Width, Height, Stride, r, band, ring0, ring1, prefix);
+    HorizontalRows<Op, 1>(Src, Dest, Width, Height, Stride, r, band, ring0, ring1);
   } else if (Channel == 3) {
-    HorizontalRows<Op, 3>(Src, Dest, Width, Height, Stride, r, band, ring0, ring1, prefix);
+    HorizontalRows<Op, 3>(Src, Dest, Width, Height, Stride, r, band, ring0, ring1);
   } else {
-    HorizontalRows<Op, 4>(Src, Dest, Width, Height, Stride, r, band, ring0, ring1, prefix);
+    HorizontalRows<Op, 4>(Src, Dest, Width, Height, Stride, r, band, ring0, ring1);
   }
   qv::AlignedFree(ring0);
   qv::AlignedFree(ring1);
