@@ -88,10 +88,22 @@ struct PaddedRows {
 // max(Suffix[p], Prefix[p + 2 * Radius]). A row is always read before any
 // output row at or below it is written, so Src may be Dest. Wide is a multiple
 // of 16 (vectors) or 1 (a single column, bytes).
-template <class Op, class E>
+// Runs F over the bytes [0, Wide) of a row in elements of 64 and 16 bytes
+// (Wide is a multiple of 16), or as one byte for a single column.
+template <class F>
+inline void Sweep(int Wide, F f) {
+  if (Wide == 1) {
+    f(0, Byte{});
+    return;
+  }
+  int i = 0;
+  for (; i + 64 <= Wide; i += 64) f(i, Vecs<4>{});
+  for (; i < Wide; i += 16) f(i, Vecs<1>{});
+}
+
+template <class Op>
 void SlideChunk(const PaddedRows& In, unsigned char* Dest, int Wide, unsigned char* Ring0, unsigned char* Ring1,
                 unsigned char* Prefix) {
-  constexpr int eb = E::kBytes;
   const int r = In.Radius, k = 2 * r + 1, total = In.n + 2 * r;
   unsigned char* ring[2] = {Ring0, Ring1};
   int parity = 0;
@@ -102,39 +114,46 @@ void SlideChunk(const PaddedRows& In, unsigned char* Dest, int Wide, unsigned ch
     {
       const unsigned char* row = In.Row(e - 1);
       unsigned char* out = s + ptrdiff_t(e - 1 - b) * Wide;
-      for (int i = 0; i < Wide; i += eb) E::Load(row + i).Store(out + i);
+      Sweep(Wide, [&](int i, auto e) { decltype(e)::Load(row + i).Store(out + i); });
     }
     for (int t = e - 2; t >= b; --t) {
       const unsigned char* row = In.Row(t);
       const unsigned char* after = s + ptrdiff_t(t + 1 - b) * Wide;
       unsigned char* out = s + ptrdiff_t(t - b) * Wide;
-      for (int i = 0; i < Wide; i += eb) E::template Pick<Op>(E::Load(after + i), E::Load(row + i)).Store(out + i);
+      Sweep(Wide, [&](int i, auto e) {
+        using E = decltype(e);
+        E::template Pick<Op>(E::Load(after + i), E::Load(row + i)).Store(out + i);
+      });
     }
     for (int t = b; t < e; ++t) {
       const unsigned char* row = In.Row(t);
       const int p = t - 2 * r;
       if (p < 0) {
         if (t == b)
-          for (int i = 0; i < Wide; i += eb) E::Load(row + i).Store(Prefix + i);
+          Sweep(Wide, [&](int i, auto e) { decltype(e)::Load(row + i).Store(Prefix + i); });
         else
-          for (int i = 0; i < Wide; i += eb)
+          Sweep(Wide, [&](int i, auto e) {
+            using E = decltype(e);
             E::template Pick<Op>(E::Load(Prefix + i), E::Load(row + i)).Store(Prefix + i);
+          });
         continue;
       }
       const unsigned char* sp = p >= b ? s + ptrdiff_t(p - b) * Wide : older + ptrdiff_t(p - b + k) * Wide;
       unsigned char* out = Dest + ptrdiff_t(p) * In.Stride;
       if (t == b) {
-        for (int i = 0; i < Wide; i += eb) {
+        Sweep(Wide, [&](int i, auto e) {
+          using E = decltype(e);
           const E v = E::Load(row + i);
           v.Store(Prefix + i);
           E::template Pick<Op>(v, E::Load(sp + i)).Store(out + i);
-        }
+        });
       } else {
-        for (int i = 0; i < Wide; i += eb) {
+        Sweep(Wide, [&](int i, auto e) {
+          using E = decltype(e);
           const E v = E::template Pick<Op>(E::Load(Prefix + i), E::Load(row + i));
           v.Store(Prefix + i);
           E::template Pick<Op>(v, E::Load(sp + i)).Store(out + i);
-        }
+        });
       }
     }
   }
@@ -208,10 +227,10 @@ int FilterVertical(const unsigned char* Src, unsigned char* Dest, int Width, int
     unsigned char* prefix = ring0 + size_t(rows) * chunk;
     for (int x = 0; x < m16; x += wide) {
       const int w = x + wide <= m16 ? wide : m16 - x;
-      SlideChunk<Op, Vecs<1>>({Src + x, Stride, Height, r}, Dest + x, w, ring0, ring1, prefix);
+      SlideChunk<Op>({Src + x, Stride, Height, r}, Dest + x, w, ring0, ring1, prefix);
     }
     // The last m mod 16 columns one at a time.
-    for (int x = m16; x < m; ++x) SlideChunk<Op, Byte>({Src + x, Stride, Height, r}, Dest + x, 1, ring0, ring1, prefix);
+    for (int x = m16; x < m; ++x) SlideChunk<Op>({Src + x, Stride, Height, r}, Dest + x, 1, ring0, ring1, prefix);
   }
   qv::AlignedFree(ring0);
   qv::AlignedFree(ring1);
