@@ -72,38 +72,67 @@ int Nearest(const unsigned char* Src, unsigned char* Dest, int SrcWidth, int Src
 
 // Bilinear. Positions are kept in 64 bits: for sides below 65536 that is the
 // 32-bit arithmetic exactly, and above it no position can wrap out of the row.
+// A fetched row holds the left pixels of every column, then (Gap bytes after
+// their start) the right ones; the gap leaves room for 4-byte stores.
 struct Bilinear {
   int SrcWidth, Channel, DestWidth;
-  int64_t sx, px0;
   int xFirst, xLast;
+  ptrdiff_t Gap;
   const uint16_t* wx;
+  const int32_t* off;  // byte offset of the left pixel, columns xFirst to xLast - 1
 
-  // Left pixels into the first half of Row, right pixels into the second.
-  template <int C>
-  void FetchC(const unsigned char* s, unsigned char* Row) const {
-    unsigned char* left = Row;
-    unsigned char* right = Row + ptrdiff_t(C) * DestWidth;
-    for (int x = 0; x < xFirst; ++x)
-      for (int k = 0; k < C; ++k) left[x * C + k] = right[x * C + k] = s[k];
-    int64_t px = px0 + xFirst * sx;
-    for (int x = xFirst; x < xLast; ++x, px += sx) {
-      const unsigned char* p = s + static_cast<ptrdiff_t>(px >> 15) * C;
-      for (int k = 0; k < C; ++k) {
-        left[x * C + k] = p[k];
-        right[x * C + k] = p[C + k];
+  static void Put4(unsigned char* p, uint32_t v) { std::memcpy(p, &v, 4); }
+  static uint32_t Get4(const unsigned char* p) {
+    uint32_t v;
+    std::memcpy(&v, p, 4);
+    return v;
+  }
+
+  // The pixel pairs of one or two source rows (Rows rows of each array).
+  template <int C, int Rows>
+  void FetchC(const unsigned char* const* s, unsigned char* const* Row) const {
+    for (int j = 0; j < Rows; ++j) {
+      unsigned char* left = Row[j];
+      unsigned char* right = Row[j] + Gap;
+      for (int x = 0; x < xFirst; ++x)
+        for (int k = 0; k < C; ++k) left[x * C + k] = right[x * C + k] = s[j][k];
+    }
+    // Inside, the right pixel follows the left one in the row. Three
+    // channels store 4 bytes a pixel, the fourth overwritten next.
+    for (int x = xFirst; x < xLast; ++x) {
+      const ptrdiff_t o = off[x];
+      for (int j = 0; j < Rows; ++j) {
+        const unsigned char* p = s[j] + o;
+        unsigned char* left = Row[j] + ptrdiff_t(x) * C;
+        unsigned char* right = left + Gap;
+        if (C == 1) {
+          left[0] = p[0];
+          right[0] = p[1];
+        } else if (C == 3) {
+          Put4(left, Get4(p));
+          Put4(right, Get4(p + 2) >> 8);
+        } else {
+          Put4(left, Get4(p));
+          Put4(right, Get4(p + 4));
+        }
       }
     }
-    const unsigned char* end = s + ptrdiff_t(SrcWidth - 1) * C;
-    for (int x = xLast; x < DestWidth; ++x)
-      for (int k = 0; k < C; ++k) left[x * C + k] = right[x * C + k] = end[k];
+    for (int j = 0; j < Rows; ++j) {
+      unsigned char* left = Row[j];
+      unsigned char* right = Row[j] + Gap;
+      const unsigned char* end = s[j] + ptrdiff_t(SrcWidth - 1) * C;
+      for (int x = xLast; x < DestWidth; ++x)
+        for (int k = 0; k < C; ++k) left[x * C + k] = right[x * C + k] = end[k];
+    }
   }
-  void Fetch(const unsigned char* s, unsigned char* Row) const {
+  template <int Rows>
+  void Fetch(const unsigned char* const* s, unsigned char* const* Row) const {
     if (Channel == 1)
-      FetchC<1>(s, Row);
+      FetchC<1, Rows>(s, Row);
     else if (Channel == 3)
-      FetchC<3>(s, Row);
+      FetchC<3, Rows>(s, Row);
     else
-      FetchC<4>(s, Row);
+      FetchC<4, Rows>(s, Row);
   }
 
   // Two terms rounded each by itself; the block saturates their sum, the
@@ -118,9 +147,9 @@ struct Bilinear {
       const __m128i w = _mm_loadu_si128(reinterpret_cast<const __m128i*>(wx + i));
       const __m128i iw = _mm_sub_epi16(w128, w);
       const __m128i tl = _mm_cvtepu8_epi16(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(Top + i)));
-      const __m128i tr = _mm_cvtepu8_epi16(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(Top + n + i)));
+      const __m128i tr = _mm_cvtepu8_epi16(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(Top + Gap + i)));
       const __m128i bl = _mm_cvtepu8_epi16(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(Bottom + i)));
-      const __m128i br = _mm_cvtepu8_epi16(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(Bottom + n + i)));
+      const __m128i br = _mm_cvtepu8_epi16(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(Bottom + Gap + i)));
       const __m128i top = _mm_add_epi16(_mm_mullo_epi16(tl, iw), _mm_mullo_epi16(tr, w));
       const __m128i bottom = _mm_add_epi16(_mm_mullo_epi16(bl, iw), _mm_mullo_epi16(br, w));
       const __m128i sum = _mm_adds_epu16(_mm_mulhrs_epi16(top, wt), _mm_mulhrs_epi16(bottom, wb));
@@ -128,8 +157,8 @@ struct Bilinear {
     }
     for (; i < n; ++i) {
       const int w = wx[i];
-      const int top = Top[i] * (128 - w) + Top[n + i] * w;
-      const int bottom = Bottom[i] * (128 - w) + Bottom[n + i] * w;
+      const int top = Top[i] * (128 - w) + Top[Gap + i] * w;
+      const int bottom = Bottom[i] * (128 - w) + Bottom[Gap + i] * w;
       d[i] = static_cast<unsigned char>(((top * (256 - wy) + 16384) >> 15) + ((bottom * wy + 16384) >> 15));
     }
   }
@@ -137,44 +166,53 @@ struct Bilinear {
 
 int BilinearResample(const unsigned char* Src, unsigned char* Dest, int SrcWidth, int SrcHeight, int SrcStride,
                      int DestWidth, int DestHeight, int DestStride, int Channel) {
-  const size_t bytes = size_t(2) * Channel * DestWidth;
-  uint16_t* wx = static_cast<uint16_t*>(qv::AlignedMalloc(bytes, 16));
-  unsigned char* rows[2] = {qv::AlignedArray<unsigned char>(bytes, 16), qv::AlignedArray<unsigned char>(bytes, 16)};
+  // The weight table also holds the left pixel offsets.
+  const size_t n = size_t(Channel) * DestWidth, gap = (n + 16) / 16 * 16;
+  const size_t weights = (n * sizeof(uint16_t) + 15) / 16 * 16;
+  uint16_t* wx = static_cast<uint16_t*>(qv::AlignedMalloc(weights + size_t(DestWidth) * sizeof(int32_t), 16));
+  unsigned char* rows[2] = {qv::AlignedArray<unsigned char>(2 * gap, 16), qv::AlignedArray<unsigned char>(2 * gap, 16)};
   if (wx == nullptr || rows[0] == nullptr || rows[1] == nullptr) {
     qv::AlignedFree(wx);
     qv::AlignedFree(rows[0]);
     qv::AlignedFree(rows[1]);
     return STATUS_OUT_OF_MEMORY;
   }
+  int32_t* off = reinterpret_cast<int32_t*>(reinterpret_cast<unsigned char*>(wx) + weights);
   Bilinear b;
-  b.SrcWidth = SrcWidth, b.Channel = Channel, b.DestWidth = DestWidth, b.wx = wx;
-  b.sx = (int64_t(SrcWidth) << 15) / DestWidth;
+  b.SrcWidth = SrcWidth, b.Channel = Channel, b.DestWidth = DestWidth, b.wx = wx, b.off = off;
+  b.Gap = ptrdiff_t(gap);
+  const int64_t sx = (int64_t(SrcWidth) << 15) / DestWidth;
   const int64_t sy = (int64_t(SrcHeight) << 15) / DestHeight;
-  b.px0 = (b.sx >> 1) - 16384;
+  const int64_t px0 = (sx >> 1) - 16384;
   const int64_t py0 = (sy >> 1) - 16384;
   b.xFirst = -1, b.xLast = DestWidth;
-  int64_t px = b.px0;
-  for (int x = 0; x < DestWidth; ++x, px += b.sx) {
+  int64_t px = px0;
+  for (int x = 0; x < DestWidth; ++x, px += sx) {
     const uint16_t w = static_cast<uint16_t>((px >> 8) & 127);
     for (int k = 0; k < Channel; ++k) wx[x * Channel + k] = w;
     if (b.xFirst < 0 && px >= 0) b.xFirst = x;
     if (b.xLast == DestWidth && (px >> 15) >= SrcWidth - 1) b.xLast = x;
+    // Between xFirst and xLast the left pixel is px >> 15, below SrcWidth - 1.
+    off[x] = px >= 0 && (px >> 15) < SrcWidth - 1 ? static_cast<int32_t>(px >> 15) * Channel : 0;
   }
   if (b.xFirst < 0) b.xFirst = DestWidth;
+  if (b.xLast < b.xFirst) b.xLast = b.xFirst;
 
   int64_t fetched = -100;
   int64_t py = py0;
   for (int y = 0; y < DestHeight; ++y, py += sy) {
     const int64_t iy = py >> 15;
     if (iy != fetched) {
+      const unsigned char* s[2] = {Src + ptrdiff_t(Clamp(iy, 0, SrcHeight - 1)) * SrcStride,
+                                   Src + ptrdiff_t(Clamp(iy + 1, 0, SrcHeight - 1)) * SrcStride};
       if (iy == fetched + 1) {
         unsigned char* t = rows[0];
         rows[0] = rows[1];
         rows[1] = t;
+        b.Fetch<1>(s + 1, rows + 1);
       } else {
-        b.Fetch(Src + ptrdiff_t(Clamp(iy, 0, SrcHeight - 1)) * SrcStride, rows[0]);
+        b.Fetch<2>(s, rows);
       }
-      b.Fetch(Src + ptrdiff_t(Clamp(iy + 1, 0, SrcHeight - 1)) * SrcStride, rows[1]);
       fetched = iy;
     }
     b.Blend(rows[0], rows[1], static_cast<int>((py >> 7) & 255), Dest + ptrdiff_t(y) * DestStride);
