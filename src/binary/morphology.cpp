@@ -101,6 +101,9 @@ inline void Sweep(int Wide, F f) {
   for (; i < Wide; i += 16) f(i, Vecs<1>{});
 }
 
+// Blocks of at most this many rows are walked down by column groups.
+constexpr int kGroupRows = 33;
+
 template <class Op>
 void SlideChunk(const PaddedRows& In, unsigned char* Dest, int Wide, unsigned char* Ring0, unsigned char* Ring1,
                 unsigned char* Prefix) {
@@ -125,6 +128,26 @@ void SlideChunk(const PaddedRows& In, unsigned char* Dest, int Wide, unsigned ch
         E::template Pick<Op>(E::Load(after + i), E::Load(row + i)).Store(out + i);
       });
     }
+    if (k <= kGroupRows) {
+      // The forward walk goes down the block one column group at a time, the
+      // running prefix in registers; the block's rows are in cache by now.
+      Sweep(Wide, [&](int i, auto e0) {
+        using E = decltype(e0);
+        E prefix = E::Load(In.Row(b) + i);
+        for (int t = b;;) {
+          const int p = t - 2 * r;
+          if (p >= 0) {
+            const unsigned char* sp = p >= b ? s + ptrdiff_t(p - b) * Wide : older + ptrdiff_t(p - b + k) * Wide;
+            E::template Pick<Op>(prefix, E::Load(sp + i)).Store(Dest + ptrdiff_t(p) * In.Stride + i);
+          }
+          if (++t == e) break;
+          prefix = E::template Pick<Op>(prefix, E::Load(In.Row(t) + i));
+        }
+      });
+      continue;
+    }
+    // Taller blocks are walked row by row, the prefix in a row buffer, so
+    // that memory is read along the rows.
     for (int t = b; t < e; ++t) {
       const unsigned char* row = In.Row(t);
       const int p = t - 2 * r;
