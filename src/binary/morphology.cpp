@@ -337,81 +337,98 @@ void DirectRow(const unsigned char* Src, unsigned char* Dest, int m, unsigned ch
 // bytes of one row position lie side by side, the column pass runs down those
 // lines (a pixel is C such vectors), and the band is transposed back. The rows
 // of the last band past Height repeat its last row and are not written back.
-// The sliding extremum down the lines of a band, which are padded in place
-// by Radius copies of the first and last pixel: padded pixel t is at Lines +
-// t * 16 * C, with no clamp. The same blocks as SlideChunk, with the prefix
-// in registers; output p goes to padded pixel p + Radius, behind every read.
-template <class Op, int C>
-void SlideLines(unsigned char* Lines, int n, int Radius, unsigned char* Ring0, unsigned char* Ring1) {
-  using E = Vecs<C>;
-  constexpr int eb = 16 * C;
-  const int r = Radius, k = 2 * r + 1, total = n + 2 * r;
-  unsigned char* ring[2] = {Ring0, Ring1};
-  int parity = 0;
-  for (int b = 0; b < total; b += k, parity ^= 1) {
-    const int e = b + k < total ? b + k : total;
-    unsigned char* s = ring[parity];
-    const unsigned char* older = ring[parity ^ 1];
-    E acc = E::Load(Lines + ptrdiff_t(e - 1) * eb);
-    acc.Store(s + (e - 1 - b) * eb);
-    for (int t = e - 2; t >= b; --t) {
-      acc = E::template Pick<Op>(acc, E::Load(Lines + ptrdiff_t(t) * eb));
-      acc.Store(s + (t - b) * eb);
-    }
-    // Block 0 is always whole (total >= k); its only output is pixel 0.
-    if (b == 0) {
-      acc.Store(Lines + ptrdiff_t(r) * eb);
-      continue;
-    }
-    E prefix = E::Load(Lines + ptrdiff_t(b) * eb);
-    for (int t = b;;) {
-      const unsigned char* sp = t == b + k - 1 ? s : older + (t - b + 1) * eb;
-      E::template Pick<Op>(prefix, E::Load(sp)).Store(Lines + ptrdiff_t(t - r) * eb);
-      if (++t == e) break;
-      prefix = E::template Pick<Op>(prefix, E::Load(Lines + ptrdiff_t(t) * eb));
-    }
-  }
-}
-
 // Larger radii: bands of 16 rows are transposed into lines where the 16 rows'
 // bytes of one row position lie side by side (a pixel is C such vectors), the
 // sliding extremum runs down the lines, and the band is transposed back. The
 // rows of the last band past Height repeat its last row and are not written.
+//
+// The lines are padded by Radius copies of the first and last pixel, so that
+// padded pixel t is at Padded + t * 16 * C with no clamp; the blocks are those
+// of SlideChunk, with the prefix in registers, and output p goes to padded
+// pixel p + Radius, behind every read. The transposes run alongside the
+// blocks, a little ahead of the reads and just behind the outputs, so that
+// the lines in use stay in cache.
 template <class Op, int C>
 void SlideBand(unsigned char* const* Rows, int Count, int Width, int Radius, unsigned char* Padded,
                unsigned char* Ring0, unsigned char* Ring1) {
-  const int m = C * Width, eb = 16 * C;
-  unsigned char* lines = Padded + ptrdiff_t(Radius) * eb;
-  if (m >= 16) {
-    for (int x = 0;; x = x + 32 <= m ? x + 16 : m - 16) {
+  using E = Vecs<C>;
+  constexpr int eb = 16 * C;
+  const int m = C * Width, r = Radius, k = 2 * r + 1, total = Width + 2 * r;
+  unsigned char* lines = Padded + ptrdiff_t(r) * eb;
+  unsigned char* ring[2] = {Ring0, Ring1};
+  // Row bytes moved into the lines and back so far.
+  int in = 0, out = 0;
+  bool right_padded = false;
+  // Rows shorter than a vector go through a block on the stack.
+  alignas(16) unsigned char block[16][16] = {};
+  unsigned char* stack_rows[16];
+  for (int j = 0; j < 16; ++j) stack_rows[j] = block[j];
+  const auto move_in = [&](int upto) {
+    if (m < 16) {
+      if (in == 0) {
+        for (int j = 0; j < 16; ++j) std::memcpy(block[j], Rows[j], m);
+        BandToLines(stack_rows, 0, lines);
+      }
+      in = m;
+      return;
+    }
+    while (in < upto) {
+      const int x = in + 16 <= m ? in : m - 16;
       BandToLines(Rows, x, lines + 16 * x);
-      if (x == m - 16) break;
+      in = x + 16;
     }
-  } else {
-    alignas(16) unsigned char block[16][16] = {};
-    unsigned char* rows[16];
-    for (int j = 0; j < 16; ++j) {
-      std::memcpy(block[j], Rows[j], m);
-      rows[j] = block[j];
+  };
+  const auto move_out = [&](int upto) {
+    if (m < 16) {
+      if (upto == m) {
+        LinesToBand(lines, stack_rows, 16, 0);
+        for (int j = 0; j < Count; ++j) std::memcpy(Rows[j], block[j], m);
+      }
+      return;
     }
-    BandToLines(rows, 0, lines);
-  }
-  for (int i = 0; i < Radius; ++i) {
-    std::memcpy(Padded + ptrdiff_t(i) * eb, lines, eb);
-    std::memcpy(lines + ptrdiff_t(Width + i) * eb, lines + ptrdiff_t(Width - 1) * eb, eb);
-  }
-  SlideLines<Op, C>(Padded, Width, Radius, Ring0, Ring1);
-  if (m >= 16) {
-    for (int x = 0;; x = x + 32 <= m ? x + 16 : m - 16) {
-      LinesToBand(lines + 16 * x, Rows, Count, x);
-      if (x == m - 16) break;
+    for (; out + 16 <= upto; out += 16) LinesToBand(lines + 16 * out, Rows, Count, out);
+    if (upto == m && out < m) {
+      LinesToBand(lines + 16 * (m - 16), Rows, Count, m - 16);
+      out = m;
     }
-  } else {
-    alignas(16) unsigned char block[16][16];
-    unsigned char* rows[16];
-    for (int j = 0; j < 16; ++j) rows[j] = block[j];
-    LinesToBand(lines, rows, 16, 0);
-    for (int j = 0; j < Count; ++j) std::memcpy(Rows[j], block[j], m);
+  };
+  int parity = 0;
+  for (int b = 0; b < total; b += k, parity ^= 1) {
+    const int e = b + k < total ? b + k : total;
+    // The block reads real pixels up to e - 1 - r; 32 bytes more keep the
+    // overlapping last transpose ahead of every output.
+    const int need = (e - r) * C + 32;
+    move_in(need < m ? need : m);
+    if (b == 0)
+      for (int i = 0; i < r; ++i) std::memcpy(Padded + ptrdiff_t(i) * eb, lines, eb);
+    if (e > Width + r && !right_padded) {
+      move_in(m);
+      for (int i = 0; i < r; ++i) std::memcpy(lines + ptrdiff_t(Width + i) * eb, lines + ptrdiff_t(Width - 1) * eb, eb);
+      right_padded = true;
+    }
+    unsigned char* s = ring[parity];
+    const unsigned char* older = ring[parity ^ 1];
+    E acc = E::Load(Padded + ptrdiff_t(e - 1) * eb);
+    acc.Store(s + (e - 1 - b) * eb);
+    for (int t = e - 2; t >= b; --t) {
+      acc = E::template Pick<Op>(acc, E::Load(Padded + ptrdiff_t(t) * eb));
+      acc.Store(s + (t - b) * eb);
+    }
+    // Block 0 is always whole (total >= k); its only output is pixel 0.
+    if (b == 0) {
+      acc.Store(Padded + ptrdiff_t(r) * eb);
+    } else {
+      E prefix = E::Load(Padded + ptrdiff_t(b) * eb);
+      for (int t = b;;) {
+        const unsigned char* sp = t == b + k - 1 ? s : older + (t - b + 1) * eb;
+        E::template Pick<Op>(prefix, E::Load(sp)).Store(Padded + ptrdiff_t(t - r) * eb);
+        if (++t == e) break;
+        prefix = E::template Pick<Op>(prefix, E::Load(Padded + ptrdiff_t(t) * eb));
+      }
+    }
+    // Real pixels below e - 2 * r are final.
+    const int done = (e - 2 * r) * C;
+    move_out(e == total ? m : (done < m ? done : m));
   }
 }
 
