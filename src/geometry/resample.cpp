@@ -72,8 +72,10 @@ int Nearest(const unsigned char* Src, unsigned char* Dest, int SrcWidth, int Src
 
 // Bilinear. Positions are kept in 64 bits: for sides below 65536 that is the
 // 32-bit arithmetic exactly, and above it no position can wrap out of the row.
-// A fetched row holds the left pixels of every column, then (Gap bytes after
-// their start) the right ones; the gap leaves room for 4-byte stores.
+// A fetched row of one or four channels holds each column's left and right
+// pixels side by side (one load and one store a column); a row of three
+// channels holds the left pixels of every column, then (Gap bytes after their
+// start) the right ones, the gap leaving room for 4-byte stores.
 struct Bilinear {
   int SrcWidth, Channel, DestWidth;
   int xFirst, xLast;
@@ -91,38 +93,34 @@ struct Bilinear {
   // The pixel pairs of one or two source rows (Rows rows of each array).
   template <int C, int Rows>
   void FetchC(const unsigned char* const* s, unsigned char* const* Row) const {
-    for (int j = 0; j < Rows; ++j) {
-      unsigned char* left = Row[j];
-      unsigned char* right = Row[j] + Gap;
+    constexpr bool paired = C != 3;
+    // Where column x's left and right pixels go.
+    const auto left_of = [&](unsigned char* row, int x) { return row + (paired ? 2 * C * x : C * x); };
+    const ptrdiff_t to_right = paired ? C : Gap;
+    for (int j = 0; j < Rows; ++j)
       for (int x = 0; x < xFirst; ++x)
-        for (int k = 0; k < C; ++k) left[x * C + k] = right[x * C + k] = s[j][k];
-    }
+        for (int k = 0; k < C; ++k) left_of(Row[j], x)[k] = left_of(Row[j], x)[to_right + k] = s[j][k];
     // Inside, the right pixel follows the left one in the row. Three
     // channels store 4 bytes a pixel, the fourth overwritten next.
     for (int x = xFirst; x < xLast; ++x) {
       const ptrdiff_t o = off[x];
       for (int j = 0; j < Rows; ++j) {
         const unsigned char* p = s[j] + o;
-        unsigned char* left = Row[j] + ptrdiff_t(x) * C;
-        unsigned char* right = left + Gap;
+        unsigned char* left = left_of(Row[j], x);
         if (C == 1) {
-          left[0] = p[0];
-          right[0] = p[1];
+          std::memcpy(left, p, 2);
         } else if (C == 3) {
           Put4(left, Get4(p));
-          Put4(right, Get4(p + 2) >> 8);
+          Put4(left + Gap, Get4(p + 2) >> 8);
         } else {
-          Put4(left, Get4(p));
-          Put4(right, Get4(p + 4));
+          std::memcpy(left, p, 8);
         }
       }
     }
     for (int j = 0; j < Rows; ++j) {
-      unsigned char* left = Row[j];
-      unsigned char* right = Row[j] + Gap;
       const unsigned char* end = s[j] + ptrdiff_t(SrcWidth - 1) * C;
       for (int x = xLast; x < DestWidth; ++x)
-        for (int k = 0; k < C; ++k) left[x * C + k] = right[x * C + k] = end[k];
+        for (int k = 0; k < C; ++k) left_of(Row[j], x)[k] = left_of(Row[j], x)[to_right + k] = end[k];
     }
   }
   template <int Rows>
@@ -133,6 +131,27 @@ struct Bilinear {
       FetchC<3, Rows>(s, Row);
     else
       FetchC<4, Rows>(s, Row);
+  }
+
+  // The left and right samples of 8 samples from a fetched row.
+  void Pairs(const unsigned char* Row, ptrdiff_t i, __m128i& l, __m128i& r) const {
+    if (Channel == 1) {
+      const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(Row + 2 * i));
+      l = _mm_and_si128(v, _mm_set1_epi16(255));
+      r = _mm_srli_epi16(v, 8);
+    } else if (Channel == 4) {
+      // Two columns: left, right, left, right to the two lefts, the two rights.
+      const __m128i v = _mm_shuffle_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(Row + 2 * i)), 0xD8);
+      l = _mm_cvtepu8_epi16(v);
+      r = _mm_cvtepu8_epi16(_mm_srli_si128(v, 8));
+    } else {
+      l = _mm_cvtepu8_epi16(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(Row + i)));
+      r = _mm_cvtepu8_epi16(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(Row + Gap + i)));
+    }
+  }
+  int Left(const unsigned char* Row, ptrdiff_t i) const { return Channel == 3 ? Row[i] : Row[2 * i - i % Channel]; }
+  int Right(const unsigned char* Row, ptrdiff_t i) const {
+    return Channel == 3 ? Row[Gap + i] : Row[2 * i - i % Channel + Channel];
   }
 
   // Two terms rounded each by itself; the block saturates their sum, the
@@ -146,10 +165,9 @@ struct Bilinear {
     for (; i < block_end; i += 8) {
       const __m128i w = _mm_loadu_si128(reinterpret_cast<const __m128i*>(wx + i));
       const __m128i iw = _mm_sub_epi16(w128, w);
-      const __m128i tl = _mm_cvtepu8_epi16(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(Top + i)));
-      const __m128i tr = _mm_cvtepu8_epi16(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(Top + Gap + i)));
-      const __m128i bl = _mm_cvtepu8_epi16(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(Bottom + i)));
-      const __m128i br = _mm_cvtepu8_epi16(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(Bottom + Gap + i)));
+      __m128i tl, tr, bl, br;
+      Pairs(Top, i, tl, tr);
+      Pairs(Bottom, i, bl, br);
       const __m128i top = _mm_add_epi16(_mm_mullo_epi16(tl, iw), _mm_mullo_epi16(tr, w));
       const __m128i bottom = _mm_add_epi16(_mm_mullo_epi16(bl, iw), _mm_mullo_epi16(br, w));
       const __m128i sum = _mm_adds_epu16(_mm_mulhrs_epi16(top, wt), _mm_mulhrs_epi16(bottom, wb));
@@ -157,8 +175,8 @@ struct Bilinear {
     }
     for (; i < n; ++i) {
       const int w = wx[i];
-      const int top = Top[i] * (128 - w) + Top[Gap + i] * w;
-      const int bottom = Bottom[i] * (128 - w) + Bottom[Gap + i] * w;
+      const int top = Left(Top, i) * (128 - w) + Right(Top, i) * w;
+      const int bottom = Left(Bottom, i) * (128 - w) + Right(Bottom, i) * w;
       d[i] = static_cast<unsigned char>(((top * (256 - wy) + 16384) >> 15) + ((bottom * wy + 16384) >> 15));
     }
   }
