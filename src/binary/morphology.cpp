@@ -1,6 +1,7 @@
 // Gray morphology: square-window maximum and minimum at a cost independent of
 // the radius (block prefix and suffix extrema), and opening, closing and the
-// local range built on them. Both passes work on interleaved pixels in place.
+// local range built on them. The column pass walks the rows; the row pass runs
+// the same walk down bands of 16 rows transposed into lines.
 #include <emmintrin.h>
 #include <smmintrin.h>
 #include <tmmintrin.h>

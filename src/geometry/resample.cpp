@@ -1,6 +1,6 @@
 // Resampling to a new size by three separate engines: nearest neighbour
 // (a column table and row repeats), bilinear (15 fractional bits, cached row
-// pairs) and bicubic (16 fractional bits, clamped taps on the rim only).
+// pairs) and bicubic (16 fractional bits, separable sums over clamped taps).
 #include <smmintrin.h>
 #include <tmmintrin.h>
 
