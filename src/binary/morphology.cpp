@@ -1,14 +1,16 @@
 // Gray morphology: square-window maximum and minimum at a cost independent of
 // the radius (block prefix and suffix extrema), and opening, closing and the
-// local range built on them. The horizontal pass runs on transposed strips.
+// local range built on them. The column pass walks the rows; the row pass runs
+// the same walk down bands of 16 rows transposed into lines.
 #include <emmintrin.h>
+#include <smmintrin.h>
+#include <tmmintrin.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 
 #include "frame/frame.h"
-#include "geometry/transpose.h"
 
 namespace {
 
@@ -23,77 +25,196 @@ struct MinOp {
   static unsigned char S(unsigned char a, unsigned char b) { return a < b ? a : b; }
 };
 
-// An element of the line: 32 bytes side by side, or one byte.
-struct Wide {
-  static constexpr int kBytes = 32;
-  __m128i lo, hi;
-  static Wide Load(const unsigned char* p) {
-    return {_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)),
-            _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16))};
+// An element of a column walk: N vectors side by side, or one byte.
+template <int N>
+struct Vecs {
+  static constexpr int kBytes = 16 * N;
+  __m128i v[N];
+  static Vecs Load(const unsigned char* p) {
+    Vecs r;
+#pragma GCC unroll 4
+    for (int i = 0; i < N; ++i) r.v[i] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16 * i));
+    return r;
   }
   void Store(unsigned char* p) const {
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(p), lo);
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(p + 16), hi);
+#pragma GCC unroll 4
+    for (int i = 0; i < N; ++i) _mm_storeu_si128(reinterpret_cast<__m128i*>(p + 16 * i), v[i]);
   }
   template <class Op>
-  static Wide Pick(const Wide& a, const Wide& b) {
-    return {Op::V(a.lo, b.lo), Op::V(a.hi, b.hi)};
+  static Vecs Pick(const Vecs& a, const Vecs& b) {
+    Vecs r;
+#pragma GCC unroll 4
+    for (int i = 0; i < N; ++i) r.v[i] = Op::V(a.v[i], b.v[i]);
+    return r;
   }
 };
-struct Narrow {
+struct Byte {
   static constexpr int kBytes = 1;
   unsigned char v;
-  static Narrow Load(const unsigned char* p) { return {*p}; }
+  static Byte Load(const unsigned char* p) { return {*p}; }
   void Store(unsigned char* p) const { *p = v; }
   template <class Op>
-  static Narrow Pick(const Narrow& a, const Narrow& b) {
+  static Byte Pick(const Byte& a, const Byte& b) {
     return {Op::S(a.v, b.v)};
   }
 };
 
-// The sliding extremum along a line of n elements, window 2 * Radius + 1,
-// clipped at both ends. All of Prefix and Suffix are built before the first
-// output is stored, so In may be Out. Radius has been limited to n.
-template <class Op, class E>
-void SlideLine(const unsigned char* In, ptrdiff_t InStep, unsigned char* Out, ptrdiff_t OutStep, int n, int Radius,
-               unsigned char* Prefix, unsigned char* Suffix) {
-  const int k = 2 * Radius + 1;
-  const int blocks = (n + k - 1) / k;
-  constexpr int eb = E::kBytes;
-  for (int b = 0; b < n; b += k) {
-    const int e = b + k < n ? b + k : n;
-    E acc = E::Load(In + b * InStep);
-    acc.Store(Prefix + b * eb);
-    for (int i = b + 1; i < e; ++i) {
-      acc = E::template Pick<Op>(acc, E::Load(In + i * InStep));
-      acc.Store(Prefix + i * eb);
-    }
-    acc = E::Load(In + (e - 1) * InStep);
-    acc.Store(Suffix + (e - 1) * eb);
-    for (int i = e - 2; i >= b; --i) {
-      acc = E::template Pick<Op>(acc, E::Load(In + i * InStep));
-      acc.Store(Suffix + i * eb);
-    }
+inline __m128i LoadU(const unsigned char* p) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p)); }
+
+// A radius at or above Side - 1 makes the window cover the side whatever its
+// value, so it is limited to Side - 1, which keeps the padded lengths small. A
+// negative radius is taken as 0 (a copy) to stay defined.
+int LimitRadius(int Radius, int Side) { return Radius < 0 ? 0 : (Radius > Side - 1 ? Side - 1 : Radius); }
+
+// Both passes work on a line padded by Radius copies of its edge element at
+// each end: the clipped window of position p is then the full window of
+// padded positions p .. p + 2 * Radius, as the edge element is inside every
+// window that reaches past the edge. Padded row t of a column is image row
+// t - Radius, clamped.
+struct PaddedRows {
+  const unsigned char* Src;
+  ptrdiff_t Stride;
+  int n, Radius;
+  const unsigned char* Row(int t) const {
+    const int y = t - Radius;
+    return Src + ptrdiff_t(y < 0 ? 0 : (y >= n ? n - 1 : y)) * Stride;
   }
-  const long long bk = static_cast<long long>(blocks) * k;
-  const int head = Radius < n ? Radius : n;
-  const int body_end = bk - Radius < n ? static_cast<int>(bk - Radius) : n;
-  for (int p = 0; p < head; ++p) {
-    const int q = p + Radius < n - 1 ? p + Radius : n - 1;
-    E::Load(Prefix + q * eb).Store(Out + p * OutStep);
+};
+
+// The sliding extremum down columns (van Herk / Gil-Werman) on a chunk of
+// Wide bytes of every row, walked row by row so that memory is read along the
+// rows: blocks of k = 2 * Radius + 1 padded rows; the suffix extrema of a block
+// are stored in one of two alternating buffers when the walk enters the block,
+// the running prefix extremum in a row buffer, and output row p =
+// max(Suffix[p], Prefix[p + 2 * Radius]). A row is always read before any
+// output row at or below it is written, so Src may be Dest. Wide is a multiple
+// of 16 (vectors) or 1 (a single column, bytes).
+// Runs F over the bytes [0, Wide) of a row in elements of 64 and 16 bytes
+// (Wide is a multiple of 16), or as one byte for a single column.
+template <class F>
+inline void Sweep(int Wide, F f) {
+  if (Wide == 1) {
+    f(0, Byte{});
+    return;
   }
-  for (int p = Radius; p < body_end; ++p) {
-    const int q = p + Radius < n - 1 ? p + Radius : n - 1;
-    E::template Pick<Op>(E::Load(Prefix + q * eb), E::Load(Suffix + (p - Radius) * eb)).Store(Out + p * OutStep);
-  }
-  for (int p = body_end > Radius ? body_end : Radius; p < n; ++p)
-    E::Load(Suffix + (p - Radius) * eb).Store(Out + p * OutStep);
+  int i = 0;
+  for (; i + 64 <= Wide; i += 64) f(i, Vecs<4>{});
+  for (; i < Wide; i += 16) f(i, Vecs<1>{});
 }
 
-// A radius at or above the side covers the side whatever its value, so it is
-// limited to the side, which keeps 2 * Radius + 1 in range. A negative radius
-// is taken as 0 (a copy) to stay defined.
-int LimitRadius(int Radius, int Side) { return Radius < 0 ? 0 : (Radius > Side ? Side : Radius); }
+// Blocks of at most this many rows are walked down by column groups.
+constexpr int kGroupRows = 33;
+
+template <class Op>
+void SlideChunk(const PaddedRows& In, unsigned char* Dest, int Wide, unsigned char* Ring0, unsigned char* Ring1,
+                unsigned char* Prefix) {
+  const int r = In.Radius, k = 2 * r + 1, total = In.n + 2 * r;
+  unsigned char* ring[2] = {Ring0, Ring1};
+  int parity = 0;
+  for (int b = 0; b < total; b += k, parity ^= 1) {
+    const int e = b + k < total ? b + k : total;
+    unsigned char* s = ring[parity];
+    const unsigned char* older = ring[parity ^ 1];
+    {
+      const unsigned char* row = In.Row(e - 1);
+      unsigned char* out = s + ptrdiff_t(e - 1 - b) * Wide;
+      Sweep(Wide, [&](int i, auto e) { decltype(e)::Load(row + i).Store(out + i); });
+    }
+    for (int t = e - 2; t >= b; --t) {
+      const unsigned char* row = In.Row(t);
+      const unsigned char* after = s + ptrdiff_t(t + 1 - b) * Wide;
+      unsigned char* out = s + ptrdiff_t(t - b) * Wide;
+      Sweep(Wide, [&](int i, auto e) {
+        using E = decltype(e);
+        E::template Pick<Op>(E::Load(after + i), E::Load(row + i)).Store(out + i);
+      });
+    }
+    if (k <= kGroupRows) {
+      // The forward walk goes down the block one column group at a time, the
+      // running prefix in registers; the block's rows are in cache by now.
+      Sweep(Wide, [&](int i, auto e0) {
+        using E = decltype(e0);
+        E prefix = E::Load(In.Row(b) + i);
+        for (int t = b;;) {
+          const int p = t - 2 * r;
+          if (p >= 0) {
+            const unsigned char* sp = p >= b ? s + ptrdiff_t(p - b) * Wide : older + ptrdiff_t(p - b + k) * Wide;
+            E::template Pick<Op>(prefix, E::Load(sp + i)).Store(Dest + ptrdiff_t(p) * In.Stride + i);
+          }
+          if (++t == e) break;
+          prefix = E::template Pick<Op>(prefix, E::Load(In.Row(t) + i));
+        }
+      });
+      continue;
+    }
+    // Taller blocks are walked row by row, the prefix in a row buffer, so
+    // that memory is read along the rows.
+    for (int t = b; t < e; ++t) {
+      const unsigned char* row = In.Row(t);
+      const int p = t - 2 * r;
+      if (p < 0) {
+        if (t == b)
+          Sweep(Wide, [&](int i, auto e) { decltype(e)::Load(row + i).Store(Prefix + i); });
+        else
+          Sweep(Wide, [&](int i, auto e) {
+            using E = decltype(e);
+            E::template Pick<Op>(E::Load(Prefix + i), E::Load(row + i)).Store(Prefix + i);
+          });
+        continue;
+      }
+      const unsigned char* sp = p >= b ? s + ptrdiff_t(p - b) * Wide : older + ptrdiff_t(p - b + k) * Wide;
+      unsigned char* out = Dest + ptrdiff_t(p) * In.Stride;
+      if (t == b) {
+        Sweep(Wide, [&](int i, auto e) {
+          using E = decltype(e);
+          const E v = E::Load(row + i);
+          v.Store(Prefix + i);
+          E::template Pick<Op>(v, E::Load(sp + i)).Store(out + i);
+        });
+      } else {
+        Sweep(Wide, [&](int i, auto e) {
+          using E = decltype(e);
+          const E v = E::template Pick<Op>(E::Load(Prefix + i), E::Load(row + i));
+          v.Store(Prefix + i);
+          E::template Pick<Op>(v, E::Load(sp + i)).Store(out + i);
+        });
+      }
+    }
+  }
+}
+
+// Radius 1 and 2 directly, a whole row at a time. In place, the rows above
+// the current one are read from copies of their original bytes, kept in
+// Radius + 1 slots of m bytes.
+template <class Op, int R>
+void DirectVertical(const unsigned char* Src, unsigned char* Dest, int m, int n, int Stride, unsigned char* Slots) {
+  const PaddedRows in{Src, Stride, n, R};
+  const bool inplace = Src == Dest;
+  for (int p = 0; p < n; ++p) {
+    const unsigned char* rows[2 * R + 1];
+    if (inplace) std::memcpy(Slots + ptrdiff_t(p % (R + 1)) * m, Src + ptrdiff_t(p) * Stride, m);
+    for (int i = 0; i <= 2 * R; ++i) {
+      int y = p + i - R;
+      y = y < 0 ? 0 : (y >= n ? n - 1 : y);
+      rows[i] = inplace && y <= p ? Slots + ptrdiff_t(y % (R + 1)) * m : in.Row(p + i);
+    }
+    unsigned char* out = Dest + ptrdiff_t(p) * Stride;
+    // The last vector overlaps the one before when m is no multiple of 16.
+    for (int x = 0; m >= 16;) {
+      __m128i v = LoadU(rows[0] + x);
+      for (int i = 1; i <= 2 * R; ++i) v = Op::V(v, LoadU(rows[i] + x));
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(out + x), v);
+      if (x == m - 16) break;
+      x = x + 32 <= m ? x + 16 : m - 16;
+    }
+    if (m < 16)
+      for (int x = 0; x < m; ++x) {
+        unsigned char v = rows[0][x];
+        for (int i = 1; i <= 2 * R; ++i) v = Op::S(v, rows[i][x]);
+        out[x] = v;
+      }
+  }
+}
 
 template <class Op>
 int FilterVertical(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, int Radius) {
@@ -101,78 +222,243 @@ int FilterVertical(const unsigned char* Src, unsigned char* Dest, int Width, int
   if (Src == nullptr || Dest == nullptr) return STATUS_NULL_REFERENCE;
   if (Width < 1 || Height < 1) return STATUS_INVALID_PARAMETER;
   if (!qv::IsChannel134(Channel)) return STATUS_INVALID_PARAMETER;
-  unsigned char* prefix = qv::AlignedArray<unsigned char>(size_t(Height) * 32, 32);
-  unsigned char* suffix = qv::AlignedArray<unsigned char>(size_t(Height) * 32, 32);
-  if (prefix == nullptr || suffix == nullptr) {
-    qv::AlignedFree(prefix);
-    qv::AlignedFree(suffix);
+  const int r = LimitRadius(Radius, Height);
+  const int m = Channel * Width, m16 = m / 16 * 16;
+  // Chunks as wide as keep two blocks of suffix rows near 256 KB.
+  const int k = 2 * r + 1, rows = k < Height + 2 * r ? k : Height + 2 * r;
+  int wide = (1048576 / k) / 16 * 16;
+  wide = wide < 256 ? 256 : wide;
+  wide = wide > m16 ? m16 : wide;
+  const size_t chunk = wide > 16 ? size_t(wide) : 16;
+  // Ring 0 also holds the prefix row, or the in-place row copies of radius 1 and 2.
+  size_t bytes0 = size_t(rows) * chunk + chunk, bytes1 = size_t(rows) * chunk;
+  if (size_t(3) * m > bytes0) bytes0 = size_t(3) * m;
+  unsigned char* ring0 = qv::AlignedArray<unsigned char>(bytes0, 32);
+  unsigned char* ring1 = qv::AlignedArray<unsigned char>(bytes1, 32);
+  if (ring0 == nullptr || ring1 == nullptr) {
+    qv::AlignedFree(ring0);
+    qv::AlignedFree(ring1);
     return STATUS_OUT_OF_MEMORY;
   }
-  const int r = LimitRadius(Radius, Height);
-  const int m = Channel * Width;
-  const int wide_end = m / 32 * 32;
-  for (int x = 0; x < wide_end; x += 32)
-    SlideLine<Op, Wide>(Src + x, Stride, Dest + x, Stride, Height, r, prefix, suffix);
-  for (int x = wide_end; x < m; ++x)
-    SlideLine<Op, Narrow>(Src + x, Stride, Dest + x, Stride, Height, r, prefix, suffix);
-  qv::AlignedFree(prefix);
-  qv::AlignedFree(suffix);
+  if (r == 0) {
+    if (Src != Dest)
+      for (int y = 0; y < Height; ++y) std::memcpy(Dest + ptrdiff_t(y) * Stride, Src + ptrdiff_t(y) * Stride, m);
+  } else if (r == 1) {
+    DirectVertical<Op, 1>(Src, Dest, m, Height, Stride, ring0);
+  } else if (r == 2) {
+    DirectVertical<Op, 2>(Src, Dest, m, Height, Stride, ring0);
+  } else {
+    unsigned char* prefix = ring0 + size_t(rows) * chunk;
+    for (int x = 0; x < m16; x += wide) {
+      const int w = x + wide <= m16 ? wide : m16 - x;
+      SlideChunk<Op>({Src + x, Stride, Height, r}, Dest + x, w, ring0, ring1, prefix);
+    }
+    // The last m mod 16 columns one at a time.
+    for (int x = m16; x < m; ++x) SlideChunk<Op>({Src + x, Stride, Height, r}, Dest + x, 1, ring0, ring1, prefix);
+  }
+  qv::AlignedFree(ring0);
+  qv::AlignedFree(ring1);
   return STATUS_OK;
 }
 
-// 32 image rows to Width lines of Channel * 32 bytes (line x = column x).
-void StripToColumns(const unsigned char* Src, int Stride, unsigned char* Strip, int Width, int Channel) {
-  const int line = Channel * 32;
-  if (Channel == 1) {
-    const int tiled = Width / 8 * 8;
-    for (int x = 0; x < tiled; x += 8)
-      for (int y = 0; y < 32; y += 8)
-        qv::Transpose8x8Tile(Src + ptrdiff_t(y) * Stride + x, Stride, Strip + x * line + y, line);
-    for (int x = tiled; x < Width; ++x)
-      for (int y = 0; y < 32; ++y) Strip[x * line + y] = Src[ptrdiff_t(y) * Stride + x];
+// 16 rows of 16 bytes to 16 columns: four rounds that pair row k with row
+// k + 8; each round rotates the 8 bits of (row, byte) by one.
+inline void TransposeRound(__m128i* v) {
+  __m128i t[16];
+#pragma GCC unroll 8
+  for (int k = 0; k < 8; ++k) {
+    t[2 * k] = _mm_unpacklo_epi8(v[k], v[k + 8]);
+    t[2 * k + 1] = _mm_unpackhi_epi8(v[k], v[k + 8]);
+  }
+#pragma GCC unroll 16
+  for (int k = 0; k < 16; ++k) v[k] = t[k];
+}
+inline void Transpose16(__m128i* v) {
+  TransposeRound(v);
+  TransposeRound(v);
+  TransposeRound(v);
+  TransposeRound(v);
+}
+
+// The 16 rows of a band from byte x on into 16 lines of Lines, byte after byte.
+inline void BandToLines(const unsigned char* const* Rows, int x, unsigned char* Lines) {
+  __m128i v[16];
+#pragma GCC unroll 16
+  for (int j = 0; j < 16; ++j) v[j] = LoadU(Rows[j] + x);
+  Transpose16(v);
+#pragma GCC unroll 16
+  for (int i = 0; i < 16; ++i) _mm_storeu_si128(reinterpret_cast<__m128i*>(Lines + 16 * i), v[i]);
+}
+
+inline void LinesToBand(const unsigned char* Lines, unsigned char* const* Rows, int Count, int x) {
+  __m128i v[16];
+#pragma GCC unroll 16
+  for (int i = 0; i < 16; ++i) v[i] = LoadU(Lines + 16 * i);
+  Transpose16(v);
+  for (int j = 0; j < Count; ++j) _mm_storeu_si128(reinterpret_cast<__m128i*>(Rows[j] + x), v[j]);
+}
+
+// The row, padded by Radius copies of its edge pixels, for radius 1 and 2.
+// Out has room for the edge copies' overshoot of 48 bytes.
+void PadRow(const unsigned char* Row, unsigned char* Out, int m, int C, int Radius) {
+  const int rc = Radius * C;
+  alignas(16) unsigned char pad[48];
+  for (int i = 0; i < 48; ++i) pad[i] = Row[i % C];
+  for (int i = 0; i < rc; i += 48) std::memcpy(Out + i, pad, 48);
+  std::memcpy(Out + rc, Row, m);
+  for (int j = 0; j < 48; ++j) pad[j] = Row[m - C + j % C];
+  for (int j = 0; j < rc; j += 48) std::memcpy(Out + rc + m + j, pad, 48);
+}
+
+// The last partial vector of a row goes through a stack copy, so that the
+// bytes after the row (its padding) are never written.
+inline void StoreRowVector(unsigned char* Dest, int B, int m, __m128i v) {
+  if (B + 16 <= m) {
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(Dest + B), v);
   } else {
-    const int tiled = Width / 4 * 4;
-    for (int x = 0; x < tiled; x += 4)
-      for (int y = 0; y < 32; y += 4) {
-        const unsigned char* s = Src + ptrdiff_t(y) * Stride + x * Channel;
-        unsigned char* d = Strip + x * line + y * Channel;
-        if (Channel == 3)
-          qv::Transpose3Tile(s, Stride, d, line);
-        else
-          qv::Transpose4Tile(s, Stride, d, line);
-      }
-    for (int x = tiled; x < Width; ++x)
-      for (int y = 0; y < 32; ++y)
-        for (int c = 0; c < Channel; ++c)
-          Strip[x * line + y * Channel + c] = Src[ptrdiff_t(y) * Stride + x * Channel + c];
+    alignas(16) unsigned char t[16];
+    _mm_store_si128(reinterpret_cast<__m128i*>(t), v);
+    std::memcpy(Dest + B, t, m - B);
   }
 }
 
-// The way back: Width lines of the strip to 32 image rows.
-void ColumnsToStrip(const unsigned char* Strip, unsigned char* Dest, int Stride, int Width, int Channel) {
-  const int line = Channel * 32;
-  if (Channel == 1) {
-    const int tiled = Width / 8 * 8;
-    for (int y = 0; y < 32; y += 8)
-      for (int x = 0; x < tiled; x += 8)
-        qv::Transpose8x8Tile(Strip + x * line + y, line, Dest + ptrdiff_t(y) * Stride + x, Stride);
-    for (int x = tiled; x < Width; ++x)
-      for (int y = 0; y < 32; ++y) Dest[ptrdiff_t(y) * Stride + x] = Strip[x * line + y];
-  } else {
-    const int tiled = Width / 4 * 4;
-    for (int y = 0; y < 32; y += 4)
-      for (int x = 0; x < tiled; x += 4) {
-        const unsigned char* s = Strip + x * line + y * Channel;
-        unsigned char* d = Dest + ptrdiff_t(y) * Stride + x * Channel;
-        if (Channel == 3)
-          qv::Transpose3Tile(s, line, d, Stride);
-        else
-          qv::Transpose4Tile(s, line, d, Stride);
+// Radius 1 and 2 along a padded row: 2 * Radius + 1 shifted loads.
+template <class Op, int C, int R>
+void DirectRow(const unsigned char* Src, unsigned char* Dest, int m, unsigned char* Row) {
+  PadRow(Src, Row, m, C, R);
+  for (int B = 0; B < m; B += 16) {
+    const unsigned char* p = Row + B;
+    __m128i v = Op::V(LoadU(p), LoadU(p + C));
+    for (int i = 2; i <= 2 * R; ++i) v = Op::V(v, LoadU(p + i * C));
+    StoreRowVector(Dest, B, m, v);
+  }
+}
+
+// Larger radii: bands of 16 rows are transposed into lines where the 16 rows'
+// bytes of one row position lie side by side, the column pass runs down those
+// lines (a pixel is C such vectors), and the band is transposed back. The rows
+// of the last band past Height repeat its last row and are not written back.
+// Larger radii: bands of 16 rows are transposed into lines where the 16 rows'
+// bytes of one row position lie side by side (a pixel is C such vectors), the
+// sliding extremum runs down the lines, and the band is transposed back. The
+// rows of the last band past Height repeat its last row and are not written.
+//
+// The lines are padded by Radius copies of the first and last pixel, so that
+// padded pixel t is at Padded + t * 16 * C with no clamp; the blocks are those
+// of SlideChunk, with the prefix in registers, and output p goes to padded
+// pixel p + Radius, behind every read. The transposes run alongside the
+// blocks, a little ahead of the reads and just behind the outputs, so that
+// the lines in use stay in cache.
+template <class Op, int C>
+void SlideBand(unsigned char* const* Rows, int Count, int Width, int Radius, unsigned char* Padded,
+               unsigned char* Ring0, unsigned char* Ring1) {
+  using E = Vecs<C>;
+  constexpr int eb = 16 * C;
+  const int m = C * Width, r = Radius, k = 2 * r + 1, total = Width + 2 * r;
+  unsigned char* lines = Padded + ptrdiff_t(r) * eb;
+  unsigned char* ring[2] = {Ring0, Ring1};
+  // Row bytes moved into the lines and back so far.
+  int in = 0, out = 0;
+  bool right_padded = false;
+  // Rows shorter than a vector go through a block on the stack.
+  alignas(16) unsigned char block[16][16] = {};
+  unsigned char* stack_rows[16];
+  for (int j = 0; j < 16; ++j) stack_rows[j] = block[j];
+  const auto move_in = [&](int upto) {
+    if (m < 16) {
+      if (in == 0) {
+        for (int j = 0; j < 16; ++j) std::memcpy(block[j], Rows[j], m);
+        BandToLines(stack_rows, 0, lines);
       }
-    for (int x = tiled; x < Width; ++x)
-      for (int y = 0; y < 32; ++y)
-        for (int c = 0; c < Channel; ++c)
-          Dest[ptrdiff_t(y) * Stride + x * Channel + c] = Strip[x * line + y * Channel + c];
+      in = m;
+      return;
+    }
+    while (in < upto) {
+      const int x = in + 16 <= m ? in : m - 16;
+      BandToLines(Rows, x, lines + 16 * x);
+      in = x + 16;
+    }
+  };
+  const auto move_out = [&](int upto) {
+    if (m < 16) {
+      if (upto == m) {
+        LinesToBand(lines, stack_rows, 16, 0);
+        for (int j = 0; j < Count; ++j) std::memcpy(Rows[j], block[j], m);
+      }
+      return;
+    }
+    for (; out + 16 <= upto; out += 16) LinesToBand(lines + 16 * out, Rows, Count, out);
+    if (upto == m && out < m) {
+      LinesToBand(lines + 16 * (m - 16), Rows, Count, m - 16);
+      out = m;
+    }
+  };
+  int parity = 0;
+  for (int b = 0; b < total; b += k, parity ^= 1) {
+    const int e = b + k < total ? b + k : total;
+    // The block reads real pixels up to e - 1 - r; 32 bytes more keep the
+    // overlapping last transpose ahead of every output.
+    const int need = (e - r) * C + 32;
+    move_in(need < m ? need : m);
+    if (b == 0)
+      for (int i = 0; i < r; ++i) std::memcpy(Padded + ptrdiff_t(i) * eb, lines, eb);
+    if (e > Width + r && !right_padded) {
+      move_in(m);
+      for (int i = 0; i < r; ++i) std::memcpy(lines + ptrdiff_t(Width + i) * eb, lines + ptrdiff_t(Width - 1) * eb, eb);
+      right_padded = true;
+    }
+    unsigned char* s = ring[parity];
+    const unsigned char* older = ring[parity ^ 1];
+    E acc = E::Load(Padded + ptrdiff_t(e - 1) * eb);
+    acc.Store(s + (e - 1 - b) * eb);
+    for (int t = e - 2; t >= b; --t) {
+      acc = E::template Pick<Op>(acc, E::Load(Padded + ptrdiff_t(t) * eb));
+      acc.Store(s + (t - b) * eb);
+    }
+    // Block 0 is always whole (total >= k); its only output is pixel 0.
+    if (b == 0) {
+      acc.Store(Padded + ptrdiff_t(r) * eb);
+    } else {
+      E prefix = E::Load(Padded + ptrdiff_t(b) * eb);
+      for (int t = b;;) {
+        const unsigned char* sp = t == b + k - 1 ? s : older + (t - b + 1) * eb;
+        E::template Pick<Op>(prefix, E::Load(sp)).Store(Padded + ptrdiff_t(t - r) * eb);
+        if (++t == e) break;
+        prefix = E::template Pick<Op>(prefix, E::Load(Padded + ptrdiff_t(t) * eb));
+      }
+    }
+    // Real pixels below e - 2 * r are final.
+    const int done = (e - 2 * r) * C;
+    move_out(e == total ? m : (done < m ? done : m));
+  }
+}
+
+template <class Op, int C>
+void HorizontalRows(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, int Radius,
+                    unsigned char* Lines, unsigned char* Ring0, unsigned char* Ring1) {
+  const int m = C * Width;
+  if (Radius <= 2) {
+    for (int y = 0; y < Height; ++y) {
+      const unsigned char* s = Src + ptrdiff_t(y) * Stride;
+      unsigned char* d = Dest + ptrdiff_t(y) * Stride;
+      if (Radius == 1)
+        DirectRow<Op, C, 1>(s, d, m, Lines);
+      else
+        DirectRow<Op, C, 2>(s, d, m, Lines);
+    }
+    return;
+  }
+  // The band is read into the lines before it is written, so Src may be Dest;
+  // out of place it is first copied to Dest.
+  for (int y = 0; y < Height; y += 16) {
+    const int count = Height - y < 16 ? Height - y : 16;
+    unsigned char* rows[16];
+    for (int j = 0; j < 16; ++j) {
+      const int yy = y + (j < count ? j : count - 1);
+      rows[j] = Dest + ptrdiff_t(yy) * Stride;
+      if (Src != Dest && j < count) std::memcpy(rows[j], Src + ptrdiff_t(yy) * Stride, m);
+    }
+    SlideBand<Op, C>(rows, count, Width, Radius, Lines, Ring0, Ring1);
   }
 }
 
@@ -182,32 +468,36 @@ int FilterHorizontal(const unsigned char* Src, unsigned char* Dest, int Width, i
   if (Src == nullptr || Dest == nullptr) return STATUS_NULL_REFERENCE;
   if (Width < 1 || Height < 1) return STATUS_INVALID_PARAMETER;
   if (!qv::IsChannel134(Channel)) return STATUS_INVALID_PARAMETER;
-  unsigned char* prefix = qv::AlignedArray<unsigned char>(size_t(Width) * 32, 32);
-  unsigned char* suffix = qv::AlignedArray<unsigned char>(size_t(Width) * 32, 32);
-  unsigned char* strip = qv::AlignedArray<unsigned char>(size_t(Channel) * Width * 32, 32);
-  if (prefix == nullptr || suffix == nullptr || strip == nullptr) {
-    qv::AlignedFree(prefix);
-    qv::AlignedFree(suffix);
-    qv::AlignedFree(strip);
+  const int r = LimitRadius(Radius, Width);
+  const int m = Channel * Width;
+  // The padded lines of a band (16 bytes per row byte, Radius pixels of
+  // 16 * Channel bytes at each end), or a padded row for the small radii; one
+  // block of suffix pixels per ring.
+  const size_t lines = size_t(m < 16 ? 16 : m) * 16 + size_t(2 * r) * 16 * Channel + 4 * Channel + 96;
+  const int k = 2 * r + 1, pixels = k < Width + 2 * r ? k : Width + 2 * r;
+  const size_t block = size_t(pixels) * 16 * Channel;
+  unsigned char* ring0 = qv::AlignedArray<unsigned char>(block, 32);
+  unsigned char* ring1 = qv::AlignedArray<unsigned char>(block, 32);
+  unsigned char* band = qv::AlignedArray<unsigned char>(lines, 32);
+  if (ring0 == nullptr || ring1 == nullptr || band == nullptr) {
+    qv::AlignedFree(ring0);
+    qv::AlignedFree(ring1);
+    qv::AlignedFree(band);
     return STATUS_OUT_OF_MEMORY;
   }
-  const int r = LimitRadius(Radius, Width);
-  const int line = Channel * 32;
-  const int banded = Height / 32 * 32;
-  for (int y = 0; y < banded; y += 32) {
-    StripToColumns(Src + ptrdiff_t(y) * Stride, Stride, strip, Width, Channel);
-    for (int g = 0; g < Channel; ++g)
-      SlideLine<Op, Wide>(strip + g * 32, line, strip + g * 32, line, Width, r, prefix, suffix);
-    ColumnsToStrip(strip, Dest + ptrdiff_t(y) * Stride, Stride, Width, Channel);
+  if (r == 0) {
+    if (Src != Dest)
+      for (int y = 0; y < Height; ++y) std::memcpy(Dest + ptrdiff_t(y) * Stride, Src + ptrdiff_t(y) * Stride, m);
+  } else if (Channel == 1) {
+    HorizontalRows<Op, 1>(Src, Dest, Width, Height, Stride, r, band, ring0, ring1);
+  } else if (Channel == 3) {
+    HorizontalRows<Op, 3>(Src, Dest, Width, Height, Stride, r, band, ring0, ring1);
+  } else {
+    HorizontalRows<Op, 4>(Src, Dest, Width, Height, Stride, r, band, ring0, ring1);
   }
-  // The last Height mod 32 rows one sample place at a time.
-  for (int y = banded; y < Height; ++y)
-    for (int c = 0; c < Channel; ++c)
-      SlideLine<Op, Narrow>(Src + ptrdiff_t(y) * Stride + c, Channel, Dest + ptrdiff_t(y) * Stride + c, Channel, Width,
-                            r, prefix, suffix);
-  qv::AlignedFree(prefix);
-  qv::AlignedFree(suffix);
-  qv::AlignedFree(strip);
+  qv::AlignedFree(ring0);
+  qv::AlignedFree(ring1);
+  qv::AlignedFree(band);
   return STATUS_OK;
 }
 

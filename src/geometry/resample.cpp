@@ -1,6 +1,6 @@
 // Resampling to a new size by three separate engines: nearest neighbour
 // (a column table and row repeats), bilinear (15 fractional bits, cached row
-// pairs) and bicubic (16 fractional bits, clamped taps on the rim only).
+// pairs) and bicubic (16 fractional bits, separable sums over clamped taps).
 #include <smmintrin.h>
 #include <tmmintrin.h>
 
@@ -14,6 +14,12 @@ namespace {
 
 using std::int64_t;
 using std::ptrdiff_t;
+
+inline __m128i Load32(const unsigned char* p) {
+  int v;
+  std::memcpy(&v, p, 4);
+  return _mm_cvtsi32_si128(v);
+}
 
 inline int Clamp(int64_t v, int lo, int hi) { return static_cast<int>(v < lo ? lo : (v > hi ? hi : v)); }
 
@@ -66,38 +72,86 @@ int Nearest(const unsigned char* Src, unsigned char* Dest, int SrcWidth, int Src
 
 // Bilinear. Positions are kept in 64 bits: for sides below 65536 that is the
 // 32-bit arithmetic exactly, and above it no position can wrap out of the row.
+// A fetched row of one or four channels holds each column's left and right
+// pixels side by side (one load and one store a column); a row of three
+// channels holds the left pixels of every column, then (Gap bytes after their
+// start) the right ones, the gap leaving room for 4-byte stores.
 struct Bilinear {
   int SrcWidth, Channel, DestWidth;
-  int64_t sx, px0;
   int xFirst, xLast;
+  ptrdiff_t Gap;
   const uint16_t* wx;
+  const int32_t* off;  // byte offset of the left pixel, columns xFirst to xLast - 1
 
-  // Left pixels into the first half of Row, right pixels into the second.
-  template <int C>
-  void FetchC(const unsigned char* s, unsigned char* Row) const {
-    unsigned char* left = Row;
-    unsigned char* right = Row + ptrdiff_t(C) * DestWidth;
-    for (int x = 0; x < xFirst; ++x)
-      for (int k = 0; k < C; ++k) left[x * C + k] = right[x * C + k] = s[k];
-    int64_t px = px0 + xFirst * sx;
-    for (int x = xFirst; x < xLast; ++x, px += sx) {
-      const unsigned char* p = s + static_cast<ptrdiff_t>(px >> 15) * C;
-      for (int k = 0; k < C; ++k) {
-        left[x * C + k] = p[k];
-        right[x * C + k] = p[C + k];
+  static void Put4(unsigned char* p, uint32_t v) { std::memcpy(p, &v, 4); }
+  static uint32_t Get4(const unsigned char* p) {
+    uint32_t v;
+    std::memcpy(&v, p, 4);
+    return v;
+  }
+
+  // The pixel pairs of one or two source rows (Rows rows of each array).
+  template <int C, int Rows>
+  void FetchC(const unsigned char* const* s, unsigned char* const* Row) const {
+    constexpr bool paired = C != 3;
+    // Where column x's left and right pixels go.
+    const auto left_of = [&](unsigned char* row, int x) { return row + (paired ? 2 * C * x : C * x); };
+    const ptrdiff_t to_right = paired ? C : Gap;
+    for (int j = 0; j < Rows; ++j)
+      for (int x = 0; x < xFirst; ++x)
+        for (int k = 0; k < C; ++k) left_of(Row[j], x)[k] = left_of(Row[j], x)[to_right + k] = s[j][k];
+    // Inside, the right pixel follows the left one in the row. Three
+    // channels store 4 bytes a pixel, the fourth overwritten next.
+    for (int x = xFirst; x < xLast; ++x) {
+      const ptrdiff_t o = off[x];
+      for (int j = 0; j < Rows; ++j) {
+        const unsigned char* p = s[j] + o;
+        unsigned char* left = left_of(Row[j], x);
+        if (C == 1) {
+          std::memcpy(left, p, 2);
+        } else if (C == 3) {
+          Put4(left, Get4(p));
+          Put4(left + Gap, Get4(p + 2) >> 8);
+        } else {
+          std::memcpy(left, p, 8);
+        }
       }
     }
-    const unsigned char* end = s + ptrdiff_t(SrcWidth - 1) * C;
-    for (int x = xLast; x < DestWidth; ++x)
-      for (int k = 0; k < C; ++k) left[x * C + k] = right[x * C + k] = end[k];
+    for (int j = 0; j < Rows; ++j) {
+      const unsigned char* end = s[j] + ptrdiff_t(SrcWidth - 1) * C;
+      for (int x = xLast; x < DestWidth; ++x)
+        for (int k = 0; k < C; ++k) left_of(Row[j], x)[k] = left_of(Row[j], x)[to_right + k] = end[k];
+    }
   }
-  void Fetch(const unsigned char* s, unsigned char* Row) const {
+  template <int Rows>
+  void Fetch(const unsigned char* const* s, unsigned char* const* Row) const {
     if (Channel == 1)
-      FetchC<1>(s, Row);
+      FetchC<1, Rows>(s, Row);
     else if (Channel == 3)
-      FetchC<3>(s, Row);
+      FetchC<3, Rows>(s, Row);
     else
-      FetchC<4>(s, Row);
+      FetchC<4, Rows>(s, Row);
+  }
+
+  // The left and right samples of 8 samples from a fetched row.
+  void Pairs(const unsigned char* Row, ptrdiff_t i, __m128i& l, __m128i& r) const {
+    if (Channel == 1) {
+      const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(Row + 2 * i));
+      l = _mm_and_si128(v, _mm_set1_epi16(255));
+      r = _mm_srli_epi16(v, 8);
+    } else if (Channel == 4) {
+      // Two columns: left, right, left, right to the two lefts, the two rights.
+      const __m128i v = _mm_shuffle_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(Row + 2 * i)), 0xD8);
+      l = _mm_cvtepu8_epi16(v);
+      r = _mm_cvtepu8_epi16(_mm_srli_si128(v, 8));
+    } else {
+      l = _mm_cvtepu8_epi16(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(Row + i)));
+      r = _mm_cvtepu8_epi16(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(Row + Gap + i)));
+    }
+  }
+  int Left(const unsigned char* Row, ptrdiff_t i) const { return Channel == 3 ? Row[i] : Row[2 * i - i % Channel]; }
+  int Right(const unsigned char* Row, ptrdiff_t i) const {
+    return Channel == 3 ? Row[Gap + i] : Row[2 * i - i % Channel + Channel];
   }
 
   // Two terms rounded each by itself; the block saturates their sum, the
@@ -111,10 +165,9 @@ struct Bilinear {
     for (; i < block_end; i += 8) {
       const __m128i w = _mm_loadu_si128(reinterpret_cast<const __m128i*>(wx + i));
       const __m128i iw = _mm_sub_epi16(w128, w);
-      const __m128i tl = _mm_cvtepu8_epi16(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(Top + i)));
-      const __m128i tr = _mm_cvtepu8_epi16(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(Top + n + i)));
-      const __m128i bl = _mm_cvtepu8_epi16(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(Bottom + i)));
-      const __m128i br = _mm_cvtepu8_epi16(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(Bottom + n + i)));
+      __m128i tl, tr, bl, br;
+      Pairs(Top, i, tl, tr);
+      Pairs(Bottom, i, bl, br);
       const __m128i top = _mm_add_epi16(_mm_mullo_epi16(tl, iw), _mm_mullo_epi16(tr, w));
       const __m128i bottom = _mm_add_epi16(_mm_mullo_epi16(bl, iw), _mm_mullo_epi16(br, w));
       const __m128i sum = _mm_adds_epu16(_mm_mulhrs_epi16(top, wt), _mm_mulhrs_epi16(bottom, wb));
@@ -122,8 +175,8 @@ struct Bilinear {
     }
     for (; i < n; ++i) {
       const int w = wx[i];
-      const int top = Top[i] * (128 - w) + Top[n + i] * w;
-      const int bottom = Bottom[i] * (128 - w) + Bottom[n + i] * w;
+      const int top = Left(Top, i) * (128 - w) + Right(Top, i) * w;
+      const int bottom = Left(Bottom, i) * (128 - w) + Right(Bottom, i) * w;
       d[i] = static_cast<unsigned char>(((top * (256 - wy) + 16384) >> 15) + ((bottom * wy + 16384) >> 15));
     }
   }
@@ -131,44 +184,53 @@ struct Bilinear {
 
 int BilinearResample(const unsigned char* Src, unsigned char* Dest, int SrcWidth, int SrcHeight, int SrcStride,
                      int DestWidth, int DestHeight, int DestStride, int Channel) {
-  const size_t bytes = size_t(2) * Channel * DestWidth;
-  uint16_t* wx = static_cast<uint16_t*>(qv::AlignedMalloc(bytes, 16));
-  unsigned char* rows[2] = {qv::AlignedArray<unsigned char>(bytes, 16), qv::AlignedArray<unsigned char>(bytes, 16)};
+  // The weight table also holds the left pixel offsets.
+  const size_t n = size_t(Channel) * DestWidth, gap = (n + 16) / 16 * 16;
+  const size_t weights = (n * sizeof(uint16_t) + 15) / 16 * 16;
+  uint16_t* wx = static_cast<uint16_t*>(qv::AlignedMalloc(weights + size_t(DestWidth) * sizeof(int32_t), 16));
+  unsigned char* rows[2] = {qv::AlignedArray<unsigned char>(2 * gap, 16), qv::AlignedArray<unsigned char>(2 * gap, 16)};
   if (wx == nullptr || rows[0] == nullptr || rows[1] == nullptr) {
     qv::AlignedFree(wx);
     qv::AlignedFree(rows[0]);
     qv::AlignedFree(rows[1]);
     return STATUS_OUT_OF_MEMORY;
   }
+  int32_t* off = reinterpret_cast<int32_t*>(reinterpret_cast<unsigned char*>(wx) + weights);
   Bilinear b;
-  b.SrcWidth = SrcWidth, b.Channel = Channel, b.DestWidth = DestWidth, b.wx = wx;
-  b.sx = (int64_t(SrcWidth) << 15) / DestWidth;
+  b.SrcWidth = SrcWidth, b.Channel = Channel, b.DestWidth = DestWidth, b.wx = wx, b.off = off;
+  b.Gap = ptrdiff_t(gap);
+  const int64_t sx = (int64_t(SrcWidth) << 15) / DestWidth;
   const int64_t sy = (int64_t(SrcHeight) << 15) / DestHeight;
-  b.px0 = (b.sx >> 1) - 16384;
+  const int64_t px0 = (sx >> 1) - 16384;
   const int64_t py0 = (sy >> 1) - 16384;
   b.xFirst = -1, b.xLast = DestWidth;
-  int64_t px = b.px0;
-  for (int x = 0; x < DestWidth; ++x, px += b.sx) {
+  int64_t px = px0;
+  for (int x = 0; x < DestWidth; ++x, px += sx) {
     const uint16_t w = static_cast<uint16_t>((px >> 8) & 127);
     for (int k = 0; k < Channel; ++k) wx[x * Channel + k] = w;
     if (b.xFirst < 0 && px >= 0) b.xFirst = x;
     if (b.xLast == DestWidth && (px >> 15) >= SrcWidth - 1) b.xLast = x;
+    // Between xFirst and xLast the left pixel is px >> 15, below SrcWidth - 1.
+    off[x] = px >= 0 && (px >> 15) < SrcWidth - 1 ? static_cast<int32_t>(px >> 15) * Channel : 0;
   }
   if (b.xFirst < 0) b.xFirst = DestWidth;
+  if (b.xLast < b.xFirst) b.xLast = b.xFirst;
 
   int64_t fetched = -100;
   int64_t py = py0;
   for (int y = 0; y < DestHeight; ++y, py += sy) {
     const int64_t iy = py >> 15;
     if (iy != fetched) {
+      const unsigned char* s[2] = {Src + ptrdiff_t(Clamp(iy, 0, SrcHeight - 1)) * SrcStride,
+                                   Src + ptrdiff_t(Clamp(iy + 1, 0, SrcHeight - 1)) * SrcStride};
       if (iy == fetched + 1) {
         unsigned char* t = rows[0];
         rows[0] = rows[1];
         rows[1] = t;
+        b.Fetch<1>(s + 1, rows + 1);
       } else {
-        b.Fetch(Src + ptrdiff_t(Clamp(iy, 0, SrcHeight - 1)) * SrcStride, rows[0]);
+        b.Fetch<2>(s, rows);
       }
-      b.Fetch(Src + ptrdiff_t(Clamp(iy + 1, 0, SrcHeight - 1)) * SrcStride, rows[1]);
       fetched = iy;
     }
     b.Blend(rows[0], rows[1], static_cast<int>((py >> 7) & 255), Dest + ptrdiff_t(y) * DestStride);
@@ -181,85 +243,106 @@ int BilinearResample(const unsigned char* Src, unsigned char* Dest, int SrcWidth
 
 // Bicubic. Positions in 64 bits again: the 32-bit forms are exact for sides
 // below 32768 and would overflow above, where the result is left to the
-// wide arithmetic instead.
+// wide arithmetic instead. The sum is exact integer arithmetic and the taps
+// of the rim are clamped to the image, so it is formed separably: the column
+// taps of a source row once per row into 32-bit row sums (four rows kept),
+// then the row taps of each destination row over those sums. The result is
+// the same as the pixel-by-pixel sum of sixteen taps, interior and rim alike.
 struct Bicubic {
   const int16_t* w;  // 513 entries of the kernel, 8 fractional bits
-  int SrcWidth, SrcHeight, SrcStride, Channel;
+  int SrcWidth, Channel, DestWidth;
+  const int16_t* cw;   // four column weights per destination column
+  const int32_t* tap;  // four clamped source byte offsets per column
+  int xl, xr;          // columns from xl to xr - 1 have their taps inside
 
   void Taps(int64_t p, int* wt) const {
     const int f = static_cast<int>((p >> 8) & 255);
     wt[0] = w[256 + f], wt[1] = w[f], wt[2] = w[256 - f], wt[3] = w[512 - f];
   }
-  static unsigned char Finish(int sum) {
-    return static_cast<unsigned char>(sum < 0 ? 0 : (sum >> 16 > 255 ? 255 : sum >> 16));
+
+  void ColumnSumsScalar(const unsigned char* s, int x, int32_t* out) const {
+    const int16_t* wt = cw + 4 * x;
+    const int32_t* t = tap + 4 * x;
+    for (int c = 0; c < Channel; ++c)
+      out[ptrdiff_t(x) * Channel + c] =
+          wt[0] * s[t[0] + c] + wt[1] * s[t[1] + c] + wt[2] * s[t[2] + c] + wt[3] * s[t[3] + c];
   }
 
-  // One pixel with every tap clamped to the image.
-  void Rim(const unsigned char* Src, int64_t px, int64_t py, unsigned char* d) const {
-    int wxs[4], wys[4];
-    Taps(px, wxs);
-    Taps(py, wys);
-    const int64_t ix = (px >> 16) - 1, iy = (py >> 16) - 1;
-    for (int c = 0; c < Channel; ++c) {
-      int sum = 0;
-      for (int j = 0; j < 4; ++j) {
-        const unsigned char* row = Src + ptrdiff_t(Clamp(iy + j, 0, SrcHeight - 1)) * SrcStride;
-        int rs = 0;
-        for (int k = 0; k < 4; ++k) rs += wxs[k] * row[ptrdiff_t(Clamp(ix + k, 0, SrcWidth - 1)) * Channel + c];
-        sum += rs * wys[j];
-      }
-      d[c] = Finish(sum);
-    }
-  }
-
-  // All sixteen taps inside: rows reduced by multiply-add with the column
-  // weights, then weighted by the row weights in 32-bit lanes.
-  void Interior(const unsigned char* s, const int16_t* wxs, const int* wys, unsigned char* d) const {
-    long long four;
-    std::memcpy(&four, wxs, 8);
-    const __m128i cw = _mm_set1_epi64x(four);
+  // The four column taps of every destination column over one source row.
+  void ColumnSums(const unsigned char* s, int32_t* out) const {
+    for (int x = 0; x < xl; ++x) ColumnSumsScalar(s, x, out);
+    int x = xl;
     if (Channel == 1) {
-      int r[4];
-      for (int j = 0; j < 4; ++j) std::memcpy(&r[j], s + ptrdiff_t(j) * SrcStride, 4);
-      const __m128i v = _mm_setr_epi32(r[0], r[1], r[2], r[3]);
-      const __m128i lo = _mm_madd_epi16(_mm_cvtepu8_epi16(v), cw);
-      const __m128i hi = _mm_madd_epi16(_mm_cvtepu8_epi16(_mm_srli_si128(v, 8)), cw);
-      const __m128i rows = _mm_hadd_epi32(lo, hi);  // the four row sums
-      const __m128i t = _mm_mullo_epi32(rows, _mm_setr_epi32(wys[0], wys[1], wys[2], wys[3]));
-      const __m128i s2 = _mm_add_epi32(t, _mm_shuffle_epi32(t, 0x4E));
-      d[0] = Finish(_mm_cvtsi128_si32(_mm_add_epi32(s2, _mm_shuffle_epi32(s2, 0xB1))));
-      return;
-    }
-    // Planes: channel c of the four pixels in lanes 4c..4c+3.
-    const __m128i planes = Channel == 3 ? _mm_setr_epi8(0, 3, 6, 9, 1, 4, 7, 10, 2, 5, 8, 11, -1, -1, -1, -1)
-                                        : _mm_setr_epi8(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
-    __m128i acc = _mm_setzero_si128();
-    for (int j = 0; j < 4; ++j) {
-      const unsigned char* row = s + ptrdiff_t(j) * SrcStride;
-      __m128i v;
-      if (Channel == 3) {
-        int last;
-        std::memcpy(&last, row + 8, 4);
-        v = _mm_insert_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(row)), last, 2);
-      } else {
-        v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(row));
+      for (; x + 4 <= xr; x += 4) {
+        // Built in registers: four stores and a wide load would stall.
+        const __m128i px =
+            _mm_unpacklo_epi64(_mm_unpacklo_epi32(Load32(s + tap[4 * x]), Load32(s + tap[4 * x + 4])),
+                               _mm_unpacklo_epi32(Load32(s + tap[4 * x + 8]), Load32(s + tap[4 * x + 12])));
+        const __m128i w01 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(cw + 4 * x));
+        const __m128i w23 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(cw + 4 * x + 8));
+        const __m128i lo = _mm_madd_epi16(_mm_cvtepu8_epi16(px), w01);
+        const __m128i hi = _mm_madd_epi16(_mm_cvtepu8_epi16(_mm_srli_si128(px, 8)), w23);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + x), _mm_hadd_epi32(lo, hi));
       }
-      v = _mm_shuffle_epi8(v, planes);
-      const __m128i lo = _mm_madd_epi16(_mm_cvtepu8_epi16(v), cw);
-      const __m128i hi = _mm_madd_epi16(_mm_cvtepu8_epi16(_mm_srli_si128(v, 8)), cw);
-      const __m128i sums = _mm_hadd_epi32(lo, hi);  // one row sum per channel
-      acc = _mm_add_epi32(acc, _mm_mullo_epi32(sums, _mm_set1_epi32(wys[j])));
+    } else {
+      // Planes: channel c of the four pixels in lanes 4c..4c+3. Three
+      // channels store a fourth sum of 0 that the next column overwrites.
+      const __m128i planes = Channel == 3 ? _mm_setr_epi8(0, 3, 6, 9, 1, 4, 7, 10, 2, 5, 8, 11, -1, -1, -1, -1)
+                                          : _mm_setr_epi8(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
+      for (; x < xr; ++x) {
+        const unsigned char* p = s + tap[4 * x];
+        __m128i v;
+        if (Channel == 3) {
+          int last;
+          std::memcpy(&last, p + 8, 4);
+          v = _mm_insert_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p)), last, 2);
+        } else {
+          v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+        }
+        v = _mm_shuffle_epi8(v, planes);
+        long long four;
+        std::memcpy(&four, cw + 4 * x, 8);
+        const __m128i wv = _mm_set1_epi64x(four);
+        const __m128i lo = _mm_madd_epi16(_mm_cvtepu8_epi16(v), wv);
+        const __m128i hi = _mm_madd_epi16(_mm_cvtepu8_epi16(_mm_srli_si128(v, 8)), wv);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + ptrdiff_t(x) * Channel), _mm_hadd_epi32(lo, hi));
+      }
     }
-    alignas(16) int out[4];
-    _mm_store_si128(reinterpret_cast<__m128i*>(out), acc);
-    for (int c = 0; c < Channel; ++c) d[c] = Finish(out[c]);
+    for (; x < DestWidth; ++x) ColumnSumsScalar(s, x, out);
+  }
+
+  // Row taps over four rows of sums, shifted by 16 (no rounding), clamped.
+  void Rows(const int32_t* const* r, const int* wy, unsigned char* d) const {
+    const int n = Channel * DestWidth;
+    const __m128i w0 = _mm_set1_epi32(wy[0]), w1 = _mm_set1_epi32(wy[1]);
+    const __m128i w2 = _mm_set1_epi32(wy[2]), w3 = _mm_set1_epi32(wy[3]);
+    auto four = [&](int i) {
+      auto at = [&](int j) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(r[j] + i)); };
+      const __m128i a = _mm_add_epi32(_mm_mullo_epi32(at(0), w0), _mm_mullo_epi32(at(1), w1));
+      const __m128i b = _mm_add_epi32(_mm_mullo_epi32(at(2), w2), _mm_mullo_epi32(at(3), w3));
+      return _mm_srai_epi32(_mm_add_epi32(a, b), 16);
+    };
+    int i = 0;
+    for (; i + 16 <= n; i += 16) {
+      const __m128i lo = _mm_packs_epi32(four(i), four(i + 4)), hi = _mm_packs_epi32(four(i + 8), four(i + 12));
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(d + i), _mm_packus_epi16(lo, hi));
+    }
+    for (; i < n; ++i) {
+      const int sum = r[0][i] * wy[0] + r[1][i] * wy[1] + r[2][i] * wy[2] + r[3][i] * wy[3];
+      d[i] = static_cast<unsigned char>(sum < 0 ? 0 : (sum >> 16 > 255 ? 255 : sum >> 16));
+    }
   }
 };
 
 int BicubicResample(const unsigned char* Src, unsigned char* Dest, int SrcWidth, int SrcHeight, int SrcStride,
                     int DestWidth, int DestHeight, int DestStride, int Channel) {
+  // The column table also holds the clamped tap offsets and four rows of
+  // sums (with one spare sum for the three-channel stores).
+  const size_t weights = (size_t(DestWidth) * 4 * sizeof(int16_t) + 15) / 16 * 16;
+  const size_t taps = size_t(DestWidth) * 4 * sizeof(int32_t);
+  const size_t row = (size_t(Channel) * DestWidth + 4) * sizeof(int32_t);
   int16_t* kernel = qv::MallocArray<int16_t>(513);
-  int16_t* cols = qv::MallocArray<int16_t>(size_t(DestWidth) * 4);
+  unsigned char* cols = qv::MallocArray<unsigned char>(weights + taps + 4 * row);
   if (kernel == nullptr || cols == nullptr) {
     qv::Free(kernel);
     qv::Free(cols);
@@ -270,39 +353,43 @@ int BicubicResample(const unsigned char* Src, unsigned char* Dest, int SrcWidth,
     const double v = t <= 1 ? t * t * t - 2 * t * t + 1 : -t * t * t + 5 * t * t - 8 * t + 4;
     kernel[i] = static_cast<int16_t>(static_cast<int>(256 * v + 0.5));
   }
-  Bicubic b{kernel, SrcWidth, SrcHeight, SrcStride, Channel};
+  int16_t* cw = reinterpret_cast<int16_t*>(cols);
+  int32_t* tap = reinterpret_cast<int32_t*>(cols + weights);
+  int32_t* sums[4];
+  for (int j = 0; j < 4; ++j) sums[j] = reinterpret_cast<int32_t*>(cols + weights + taps + j * row);
+  Bicubic b{kernel, SrcWidth, Channel, DestWidth, cw, tap, DestWidth, DestWidth};
   const int64_t sx = (int64_t(SrcWidth) << 16) / DestWidth, sy = (int64_t(SrcHeight) << 16) / DestHeight;
   const int64_t px0 = (sx >> 1) - 32768, py0 = (sy >> 1) - 32768;
-  // The interior, where all four taps exist on both axes (C division).
-  auto lower = [](int64_t s, int limit) {
-    const int64_t v = (0x18000 - (s >> 1)) / s + 1;
-    return static_cast<int>(v < limit ? v : limit);
-  };
-  auto upper = [](int64_t s, int side, int from, int limit) {
-    const int64_t v = (int64_t(side - 3) * 65536 + 32768 - (s >> 1)) / s + 1;
-    return static_cast<int>(v < from ? from : (v > limit ? limit : v));
-  };
-  const int xA = lower(sx, DestWidth), xB = upper(sx, SrcWidth, xA, DestWidth);
-  const int yA = lower(sy, DestHeight), yB = upper(sy, SrcHeight, yA, DestHeight);
-  for (int x = xA; x < xB; ++x) {
+  for (int x = 0; x < DestWidth; ++x) {
+    const int64_t px = px0 + x * sx, ix = (px >> 16) - 1;
     int t[4];
-    b.Taps(px0 + x * sx, t);
-    for (int k = 0; k < 4; ++k) cols[4 * x + k] = static_cast<int16_t>(t[k]);
-  }
-  for (int y = 0; y < DestHeight; ++y) {
-    const int64_t py = py0 + y * sy;
-    unsigned char* d = Dest + ptrdiff_t(y) * DestStride;
-    if (y < yA || y >= yB) {
-      for (int x = 0; x < DestWidth; ++x) b.Rim(Src, px0 + x * sx, py, d + ptrdiff_t(x) * Channel);
-      continue;
+    b.Taps(px, t);
+    for (int k = 0; k < 4; ++k) {
+      cw[4 * x + k] = static_cast<int16_t>(t[k]);
+      tap[4 * x + k] = Clamp(ix + k, 0, SrcWidth - 1) * Channel;
     }
-    int wys[4];
-    b.Taps(py, wys);
-    const unsigned char* top = Src + ptrdiff_t((py >> 16) - 1) * SrcStride;
-    for (int x = 0; x < xA; ++x) b.Rim(Src, px0 + x * sx, py, d + ptrdiff_t(x) * Channel);
-    for (int x = xA; x < xB; ++x)
-      b.Interior(top + ptrdiff_t(((px0 + x * sx) >> 16) - 1) * Channel, cols + 4 * x, wys, d + ptrdiff_t(x) * Channel);
-    for (int x = xB; x < DestWidth; ++x) b.Rim(Src, px0 + x * sx, py, d + ptrdiff_t(x) * Channel);
+    // Positions grow with x: the inside columns are one run.
+    if (ix >= 0 && ix + 3 <= SrcWidth - 1) {
+      if (b.xl == DestWidth) b.xl = x;
+      b.xr = x + 1;
+    }
+  }
+  if (b.xr < b.xl) b.xr = b.xl;
+  int held[4] = {-1, -1, -1, -1};  // the source row in each slot of sums
+  for (int y = 0; y < DestHeight; ++y) {
+    const int64_t py = py0 + y * sy, iy = (py >> 16) - 1;
+    int wy[4];
+    b.Taps(py, wy);
+    const int32_t* r[4];
+    for (int j = 0; j < 4; ++j) {
+      const int sr = Clamp(iy + j, 0, SrcHeight - 1), slot = sr & 3;
+      if (held[slot] != sr) {
+        b.ColumnSums(Src + ptrdiff_t(sr) * SrcStride, sums[slot]);
+        held[slot] = sr;
+      }
+      r[j] = sums[slot];
+    }
+    b.Rows(r, wy, Dest + ptrdiff_t(y) * DestStride);
   }
   qv::Free(kernel);
   qv::Free(cols);

@@ -67,6 +67,55 @@ TEST(GrayMorphology, ExtremaMatchClippedWindowOnLargerImages) {
         }
 }
 
+// The square window is separable: a clipped column extremum, then a clipped
+// row extremum of that. Cheap enough for wide images and large radii.
+Image SeparableModel(const Image& src, int Radius, bool Max) {
+  Image col = src, out = src;
+  const auto pick = [Max](int a, int b) { return Max ? std::max(a, b) : std::min(a, b); };
+  for (int y = 0; y < src.Height; ++y)
+    for (int x = 0; x < src.Width; ++x)
+      for (int c = 0; c < src.Channel; ++c) {
+        int best = src.at(x, y, c);
+        for (int yy = std::max(0, y - Radius); yy <= std::min(src.Height - 1, y + Radius); ++yy)
+          best = pick(best, src.at(x, yy, c));
+        col.at(x, y, c) = static_cast<unsigned char>(best);
+      }
+  for (int y = 0; y < src.Height; ++y)
+    for (int x = 0; x < src.Width; ++x)
+      for (int c = 0; c < src.Channel; ++c) {
+        int best = col.at(x, y, c);
+        for (int xx = std::max(0, x - Radius); xx <= std::min(src.Width - 1, x + Radius); ++xx)
+          best = pick(best, col.at(xx, y, c));
+        out.at(x, y, c) = static_cast<unsigned char>(best);
+      }
+  return out;
+}
+
+TEST(GrayMorphology, ExtremaMatchOnWideImagesOverManyRadii) {
+  // Rows of many vectors and bands of rows, heights that leave a partial
+  // band, radii from small to beyond both sides, in place and not.
+  for (int c : {1, 3, 4})
+    for (int r : {3, 4, 5, 7, 8, 12, 19, 33, 64, 150, 299, 400}) {
+      const int w = 300 + c, h = 70;
+      for (bool Max : {false, true}) {
+        auto src = qvt::MakeImage(w, h, c, 5);
+        auto dst = qvt::MakeImage(w, h, c, 5);
+        const auto model = SeparableModel(src, r, Max);
+        const std::string what = "c=" + std::to_string(c) + " r=" + std::to_string(r) + (Max ? " max" : " min");
+        Filter f = Max ? QV_MaxFilter : QV_MinFilter;
+        ASSERT_EQ(f(src.ptr(), dst.ptr(), w, h, src.Stride, r), STATUS_OK) << what;
+        for (int y = 0; y < h; ++y)
+          ASSERT_TRUE(std::equal(model.data.begin() + size_t(y) * src.Stride,
+                                 model.data.begin() + size_t(y) * src.Stride + w * c,
+                                 dst.data.begin() + size_t(y) * src.Stride))
+              << what << " row " << y;
+        auto inplace = src;
+        ASSERT_EQ(f(inplace.ptr(), inplace.ptr(), w, h, src.Stride, r), STATUS_OK) << what;
+        ASSERT_TRUE(qvt::SameBytes(model.data, inplace.data, src.Stride)) << what << " in place";
+      }
+    }
+}
+
 TEST(GrayMorphology, RadiusBeyondBothSidesGivesWholeImageExtremum) {
   auto src = qvt::MakeImage(37, 35, 3);
   auto dst = src;
