@@ -81,7 +81,7 @@ void ExpRowsGroup(const unsigned char* const* In, unsigned char* const* Out, int
                   __m128i Alpha) {
   constexpr int K = C * G;  // entries per pixel
   auto entry = [Lines](int j, int g) { return Lines + (size_t(j) * G + g) * 16; };
-  __m128i a0[K], a1[K];
+  __m128i a0[K] = {}, a1[K] = {};
   const int n = Width * C;
   for (int p0 = 0; p0 < Width; p0 += 16) {
     const int px = Width - p0 < 16 ? Width - p0 : 16;
@@ -170,20 +170,6 @@ void ExpRowsAt(const unsigned char* Src, unsigned char* Dest, int Width, int Str
   ExpRowsGroup<C, G, Carry>(in, out, Width, Lines, Alpha);
 }
 
-// A single-channel row by itself: the accumulator carries its 7 fractional
-// bits over the turn instead of restarting from the forward byte.
-void ExpRowScalar(const unsigned char* Src, unsigned char* Dest, int Width, int Alpha) {
-  int a = Src[0] << 7;
-  for (int x = 0; x < Width; ++x) {
-    a = ExpStep(a, Src[x], Alpha);
-    Dest[x] = static_cast<unsigned char>(a >> 7);
-  }
-  for (int x = Width - 1; x >= 0; --x) {
-    a = ExpStep(a, Dest[x], Alpha);
-    Dest[x] = static_cast<unsigned char>(a >> 7);
-  }
-}
-
 // The tests both halves make, in their order; Channel through *Channel.
 int ExpFrame(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, int Radius,
              int* Channel) {
@@ -221,8 +207,12 @@ int ExpBlurRows(const unsigned char* Src, unsigned char* Dest, int Width, int He
       ExpRowsAt<1, 2, false>(Src + size_t(y) * Stride, Dest + size_t(y) * Stride, Width, Stride, 32, lines, valpha);
     if (y < group_end)
       ExpRowsAt<1, 1, false>(Src + size_t(y) * Stride, Dest + size_t(y) * Stride, Width, Stride, 16, lines, valpha);
-    for (y = group_end; y < Height; ++y)
-      ExpRowScalar(Src + size_t(y) * Stride, Dest + size_t(y) * Stride, Width, alpha);
+    // The rows past the last group keep their 7 fractional bits at the turn,
+    // as one 32-bit accumulator per row would: the high-half multiply gives
+    // the same floor as the 32-bit product shifted right by 16.
+    if (group_end < Height)
+      ExpRowsAt<1, 1, true>(Src + size_t(group_end) * Stride, Dest + size_t(group_end) * Stride, Width, Stride,
+                            Height - group_end, lines, valpha);
   } else {
     for (int y = 0; y < Height; y += 16) {
       const int count = Height - y < 16 ? Height - y : 16;
