@@ -170,6 +170,28 @@ void ExpRowsAt(const unsigned char* Src, unsigned char* Dest, int Width, int Str
   ExpRowsGroup<C, G, Carry>(in, out, Width, Lines, Alpha);
 }
 
+// K consecutive column steps on bytes X0 .. X1 - 1 (multiples of 16), the
+// state loaded and stored once. A step's input row may be the previous
+// step's output row (the turn), so each input is loaded after that store.
+template <int K>
+void ExpColumnSteps(const unsigned char* const* In, unsigned char* const* Out, int16_t* State, int X0, int X1,
+                    __m128i Alpha) {
+  for (int x = X0; x < X1; x += 16) {
+    __m128i* st = reinterpret_cast<__m128i*>(State + x);
+    __m128i a0 = _mm_load_si128(st), a1 = _mm_load_si128(st + 1);
+#pragma GCC unroll 4
+    for (int k = 0; k < K; ++k) {
+      const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(In[k] + x));
+      a0 = ExpStepV(a0, WidenLoU8(v), Alpha);
+      a1 = ExpStepV(a1, WidenHiU8(v), Alpha);
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(Out[k] + x),
+                       _mm_packus_epi16(_mm_srai_epi16(a0, 7), _mm_srai_epi16(a1, 7)));
+    }
+    _mm_store_si128(st, a0);
+    _mm_store_si128(st + 1, a1);
+  }
+}
+
 // The tests both halves make, in their order; Channel through *Channel.
 int ExpFrame(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, int Radius,
              int* Channel) {
@@ -241,22 +263,27 @@ int ExpBlurColumns(const unsigned char* Src, unsigned char* Dest, int Width, int
   for (int i = 0; i < n; ++i) state[i] = static_cast<int16_t>(Src[i] << 7);
 
   const int block_end = n & ~15;
-  // Down the image from Src, then back up over Dest; the last row runs twice.
+  // Step i of 2 * Height takes row i down the image from Src, then row
+  // 2 * Height - 1 - i back up over Dest; the last row runs twice.
+  auto in_row = [&](int i) {
+    return i < Height ? Src + size_t(i) * Stride : Dest + size_t(2 * Height - 1 - i) * Stride;
+  };
+  auto out_row = [&](int i) { return Dest + size_t(i < Height ? i : 2 * Height - 1 - i) * Stride; };
+  // Four steps per load and store of the state.
+  int i = 0;
+  for (; i + 4 <= 2 * Height; i += 4) {
+    const unsigned char* in[4] = {in_row(i), in_row(i + 1), in_row(i + 2), in_row(i + 3)};
+    unsigned char* out[4] = {out_row(i), out_row(i + 1), out_row(i + 2), out_row(i + 3)};
+    ExpColumnSteps<4>(in, out, state, 0, block_end, valpha);
+  }
+  if (i < 2 * Height) {  // 2 * Height is even
+    const unsigned char* in[2] = {in_row(i), in_row(i + 1)};
+    unsigned char* out[2] = {out_row(i), out_row(i + 1)};
+    ExpColumnSteps<2>(in, out, state, 0, block_end, valpha);
+  }
+  // The tail reads its bytes from the Dest row in both sweeps.
   for (int i = 0; i < 2 * Height; ++i) {
-    const int y = i < Height ? i : 2 * Height - 1 - i;
-    const unsigned char* in = (i < Height ? Src : Dest) + size_t(y) * Stride;
-    unsigned char* out = Dest + size_t(y) * Stride;
-    for (int x = 0; x < block_end; x += 16) {
-      const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + x));
-      __m128i* st = reinterpret_cast<__m128i*>(state + x);
-      const __m128i a0 = ExpStepV(_mm_load_si128(st), WidenLoU8(v), valpha);
-      const __m128i a1 = ExpStepV(_mm_load_si128(st + 1), WidenHiU8(v), valpha);
-      _mm_store_si128(st, a0);
-      _mm_store_si128(st + 1, a1);
-      _mm_storeu_si128(reinterpret_cast<__m128i*>(out + x),
-                       _mm_packus_epi16(_mm_srai_epi16(a0, 7), _mm_srai_epi16(a1, 7)));
-    }
-    // The tail reads its bytes from the Dest row in both sweeps.
+    unsigned char* out = out_row(i);
     for (int x = block_end; x < n; ++x) {
       const int a = ExpStep(state[x], out[x], alpha);
       state[x] = static_cast<int16_t>(a);
