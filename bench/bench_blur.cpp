@@ -1,6 +1,7 @@
 // Recursive and rank blurs over their radius range, beside OpenCV's
 // single-threaded Gaussian and median filters.
 #include "bench_util.h"
+#include "smooth/expblur.h"
 
 #ifdef QV_HAVE_OPENCV
 #include <opencv2/imgproc.hpp>
@@ -21,6 +22,16 @@ void BM_ExpBlur_qv(benchmark::State& state) {
   auto src = qvb::MakeImage(w, h, c);
   auto dst = src;
   for (auto _ : state) benchmark::DoNotOptimize(QV_ExpBlur(src.ptr(), dst.ptr(), w, h, src.Stride, r));
+  qvb::SetMegapixels(state, w, h);
+}
+
+// The two halves alone, to see where the blur's time goes.
+template <int (*Half)(const unsigned char*, unsigned char*, int, int, int, int)>
+void BM_ExpBlurHalf(benchmark::State& state) {
+  const int w = state.range(0), h = state.range(1), c = state.range(2), r = state.range(3);
+  auto src = qvb::MakeImage(w, h, c);
+  auto dst = src;
+  for (auto _ : state) benchmark::DoNotOptimize(Half(src.ptr(), dst.ptr(), w, h, src.Stride, r));
   qvb::SetMegapixels(state, w, h);
 }
 
@@ -64,10 +75,16 @@ void Radii(benchmark::internal::Benchmark* b, std::initializer_list<int> radii) 
   b->ArgNames({"w", "h", "c", "r"})->Unit(benchmark::kMillisecond);
 }
 void RecursiveRadii(benchmark::internal::Benchmark* b) { Radii(b, {2, 10, 50, 200}); }
+void HalfRadii(benchmark::internal::Benchmark* b) {
+  for (int c : {1, 3, 4}) b->Args({1920, 1080, c, 2});
+  b->ArgNames({"w", "h", "c", "r"})->Unit(benchmark::kMillisecond);
+}
 void MedianRadii(benchmark::internal::Benchmark* b) { Radii(b, {1, 2, 5, 20, 100}); }
 
 BENCHMARK(BM_GaussBlur_qv)->Apply(RecursiveRadii);
 BENCHMARK(BM_ExpBlur_qv)->Apply(RecursiveRadii);
+BENCHMARK(BM_ExpBlurHalf<qv::ExpBlurRows>)->Name("BM_ExpBlurRows_qv")->Apply(HalfRadii);
+BENCHMARK(BM_ExpBlurHalf<qv::ExpBlurColumns>)->Name("BM_ExpBlurColumns_qv")->Apply(HalfRadii);
 BENCHMARK(BM_MedianBlur_qv)->Apply(MedianRadii);
 #ifdef QV_HAVE_OPENCV
 BENCHMARK(BM_GaussBlur_cv)->Apply(RecursiveRadii);

@@ -1,7 +1,8 @@
 // The two unsharp masks on the exponential blur: QV_UnsharpMask weighs the
 // detail by the square root of the headroom, QV_UnsharpMask_PS adds it with a
 // threshold in fixed point. Both walk the whole run; their vector bodies and
-// scalar tails differ in the documented places.
+// scalar tails differ in the documented places. A large run takes the body of
+// QV_UnsharpMask from a table of every byte pair.
 #include <smmintrin.h>
 
 #include <cmath>
@@ -44,6 +45,49 @@ inline __m128i UnsharpBody8(__m128i S, __m128i B, __m128i T, __m128i NegT, __m12
   return _mm_adds_epi16(S, _mm_packs_epi32(r[0], r[1]));
 }
 
+// From this many body samples on, building the table (65536 samples of the
+// body) costs less than it saves.
+constexpr size_t kBodyTableRun = size_t(1) << 18;
+
+// The body is a function of the two bytes alone: its result for every pair,
+// at s * 256 + b, so that a large run looks its bytes up.
+void BuildBodyTable(unsigned char* Table, __m128i T, __m128i NegT, __m128 Scale) {
+  const __m128i ramp = _mm_setr_epi16(0, 1, 2, 3, 4, 5, 6, 7), eight = _mm_set1_epi16(8);
+  for (int s = 0; s < 256; ++s) {
+    const __m128i vs = _mm_set1_epi16(static_cast<int16_t>(s));
+    __m128i b = ramp;
+    for (int k = 0; k < 256; k += 16) {
+      const __m128i lo = UnsharpBody8(vs, b, T, NegT, Scale);
+      b = _mm_add_epi16(b, eight);
+      const __m128i hi = UnsharpBody8(vs, b, T, NegT, Scale);
+      b = _mm_add_epi16(b, eight);
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(Table + s * 256 + k), _mm_packus_epi16(lo, hi));
+    }
+  }
+}
+
+// Sixteen samples of the body from Src and the blur in Dest.
+inline void UnsharpBody16(const unsigned char* Src, unsigned char* Dest, __m128i T, __m128i NegT, __m128 Scale) {
+  const __m128i zero = _mm_setzero_si128();
+  const __m128i s = _mm_loadu_si128(reinterpret_cast<const __m128i*>(Src));
+  const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(Dest));
+  const __m128i lo = UnsharpBody8(_mm_unpacklo_epi8(s, zero), _mm_unpacklo_epi8(b, zero), T, NegT, Scale);
+  const __m128i hi = UnsharpBody8(_mm_unpackhi_epi8(s, zero), _mm_unpackhi_epi8(b, zero), T, NegT, Scale);
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(Dest), _mm_packus_epi16(lo, hi));
+}
+
+// Sixteen samples by the table: the indices are made in vector lanes, the
+// look-ups are scalar.
+inline void LookUp16(const unsigned char* Src, unsigned char* Dest, const unsigned char* Table) {
+  alignas(16) uint16_t idx[16];
+  const __m128i s = _mm_loadu_si128(reinterpret_cast<const __m128i*>(Src));
+  const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(Dest));
+  _mm_store_si128(reinterpret_cast<__m128i*>(idx), _mm_unpacklo_epi8(b, s));
+  _mm_store_si128(reinterpret_cast<__m128i*>(idx + 8), _mm_unpackhi_epi8(b, s));
+#pragma GCC unroll 16
+  for (int k = 0; k < 16; ++k) Dest[k] = Table[idx[k]];
+}
+
 // Threshold saturated to the 16-bit lanes of QV_UnsharpMask_PS's body.
 inline int16_t SaturateI16(int v) { return static_cast<int16_t>(v < -32768 ? -32768 : (v > 32767 ? 32767 : v)); }
 
@@ -68,13 +112,16 @@ extern "C" QV_API int QV_UnsharpMask(const unsigned char* Src, unsigned char* De
   const __m128 vscale = _mm_set1_ps(scale);
   const __m128i zero = _mm_setzero_si128();
   size_t i = 0;
-  for (; i + 16 <= block_end; i += 16) {
-    const __m128i s = _mm_loadu_si128(reinterpret_cast<const __m128i*>(Src + i));
-    const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(Dest + i));
-    const __m128i lo = UnsharpBody8(_mm_unpacklo_epi8(s, zero), _mm_unpacklo_epi8(b, zero), vt, vnegt, vscale);
-    const __m128i hi = UnsharpBody8(_mm_unpackhi_epi8(s, zero), _mm_unpackhi_epi8(b, zero), vt, vnegt, vscale);
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(Dest + i), _mm_packus_epi16(lo, hi));
+  // A large run looks the body up in a table of every (s, b) pair, made by
+  // the same vector code; without the table (a small run, or its allocation
+  // failed) the body computes each sample. The bytes are the same either way.
+  unsigned char* table = block_end >= kBodyTableRun ? qv::MallocArray<unsigned char>(65536) : nullptr;
+  if (table != nullptr) {
+    BuildBodyTable(table, vt, vnegt, vscale);
+    for (; i + 16 <= block_end; i += 16) LookUp16(Src + i, Dest + i, table);
+    qv::Free(table);
   }
+  for (; i + 16 <= block_end; i += 16) UnsharpBody16(Src + i, Dest + i, vt, vnegt, vscale);
   for (; i < block_end; i += 8) {
     const __m128i s = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(Src + i));
     const __m128i b = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(Dest + i));

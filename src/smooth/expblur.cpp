@@ -25,125 +25,170 @@ inline __m128i ExpStepV(__m128i A, __m128i X, __m128i Alpha) {
   return _mm_add_epi16(A, _mm_mulhi_epi16(_mm_sub_epi16(_mm_slli_epi16(X, 7), A), Alpha));
 }
 
-// Forward then backward over Width columns of 16 lanes (two registers each).
-// The backward sweep restarts from the forward byte of the last column.
-void ExpKernel16(int16_t* Lines, int Width, __m128i Alpha) {
-  __m128i* L = reinterpret_cast<__m128i*>(Lines);
-  __m128i a0 = _mm_slli_epi16(_mm_load_si128(L), 7), a1 = _mm_slli_epi16(_mm_load_si128(L + 1), 7);
-  for (int x = 0; x < Width; ++x) {
-    a0 = ExpStepV(a0, _mm_load_si128(L + 2 * x), Alpha);
-    a1 = ExpStepV(a1, _mm_load_si128(L + 2 * x + 1), Alpha);
-    _mm_store_si128(L + 2 * x, _mm_srai_epi16(a0, 7));
-    _mm_store_si128(L + 2 * x + 1, _mm_srai_epi16(a1, 7));
+// Transposes a 16x16 byte block in registers: byte k of register r becomes
+// byte r of register k. Its own inverse.
+__attribute__((always_inline)) inline void Transpose16x16Bytes(__m128i R[16]) {
+  __m128i a[16], b[16];
+#pragma GCC unroll 16
+  for (int i = 0; i < 8; ++i) {  // words: column c of rows 2i, 2i + 1
+    a[i] = _mm_unpacklo_epi8(R[2 * i], R[2 * i + 1]);
+    a[i + 8] = _mm_unpackhi_epi8(R[2 * i], R[2 * i + 1]);
   }
-  const int last = 2 * (Width - 1);
-  a0 = _mm_slli_epi16(_mm_load_si128(L + last), 7);
-  a1 = _mm_slli_epi16(_mm_load_si128(L + last + 1), 7);
-  for (int x = Width - 1; x >= 0; --x) {
-    a0 = ExpStepV(a0, _mm_load_si128(L + 2 * x), Alpha);
-    a1 = ExpStepV(a1, _mm_load_si128(L + 2 * x + 1), Alpha);
-    _mm_store_si128(L + 2 * x, _mm_srai_epi16(a0, 7));
-    _mm_store_si128(L + 2 * x + 1, _mm_srai_epi16(a1, 7));
+#pragma GCC unroll 16
+  for (int h = 0; h < 2; ++h)
+#pragma GCC unroll 16
+    for (int i = 0; i < 4; ++i) {  // b[4q + i]: dwords, column 4q + k of rows 4i .. 4i + 3
+      b[8 * h + i] = _mm_unpacklo_epi16(a[8 * h + 2 * i], a[8 * h + 2 * i + 1]);
+      b[8 * h + 4 + i] = _mm_unpackhi_epi16(a[8 * h + 2 * i], a[8 * h + 2 * i + 1]);
+    }
+#pragma GCC unroll 16
+  for (int q = 0; q < 4; ++q) {
+    const __m128i lo01 = _mm_unpacklo_epi32(b[4 * q], b[4 * q + 1]), hi01 = _mm_unpackhi_epi32(b[4 * q], b[4 * q + 1]);
+    const __m128i lo23 = _mm_unpacklo_epi32(b[4 * q + 2], b[4 * q + 3]);
+    const __m128i hi23 = _mm_unpackhi_epi32(b[4 * q + 2], b[4 * q + 3]);
+    R[4 * q] = _mm_unpacklo_epi64(lo01, lo23);
+    R[4 * q + 1] = _mm_unpackhi_epi64(lo01, lo23);
+    R[4 * q + 2] = _mm_unpacklo_epi64(hi01, hi23);
+    R[4 * q + 3] = _mm_unpackhi_epi64(hi01, hi23);
   }
 }
 
-// Sixteen single-channel rows: lane 4 * s + r of column x is row 4 * s + r.
-// Each group of four rows is a 4x4 transpose of 32-bit lanes, then a byte
-// shuffle to column-major order, then the widening.
-void ExpRows16(const unsigned char* Src, unsigned char* Dest, int Width, int Stride, int16_t* Lines, __m128i Alpha) {
-  const int block_end = Width & ~15;
-  for (int s = 0; s < 4; ++s) {
-    const unsigned char* r[4];
-    for (int k = 0; k < 4; ++k) r[k] = Src + size_t(4 * s + k) * Stride;
-    for (int x = 0; x < block_end; x += 16) {
-      __m128i v[4];
-      for (int k = 0; k < 4; ++k) v[k] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(r[k] + x));
-      Transpose4x4Epi32(v[0], v[1], v[2], v[3]);
-      for (int k = 0; k < 4; ++k) {
-        const __m128i c = Transpose4x4Bytes(v[k]);  // columns x+4k .. x+4k+3, four rows each
-        int16_t* col = Lines + size_t(x + 4 * k) * 16 + 4 * s;
-        StoreTwoHalves(col, col + 16, WidenLoU8(c));
-        StoreTwoHalves(col + 32, col + 48, WidenHiU8(c));
+// One ExpStep on the sixteen rows of a column entry (two accumulators), the
+// byte result written back over the entry.
+inline void StepEntry(unsigned char* Entry, __m128i& A0, __m128i& A1, __m128i Alpha) {
+  const __m128i v = _mm_load_si128(reinterpret_cast<const __m128i*>(Entry));
+  A0 = ExpStepV(A0, WidenLoU8(v), Alpha);
+  A1 = ExpStepV(A1, WidenHiU8(v), Alpha);
+  _mm_store_si128(reinterpret_cast<__m128i*>(Entry), _mm_packus_epi16(_mm_srai_epi16(A0, 7), _mm_srai_epi16(A1, 7)));
+}
+
+inline void StartEntry(const unsigned char* Entry, __m128i& A0, __m128i& A1) {
+  const __m128i v = _mm_load_si128(reinterpret_cast<const __m128i*>(Entry));
+  A0 = _mm_slli_epi16(WidenLoU8(v), 7);
+  A1 = _mm_slli_epi16(WidenHiU8(v), 7);
+}
+
+// G groups of sixteen rows with C channels, both sweeps. The rows are
+// transposed 16 bytes at a time into Lines, where entry (j, g) holds byte j of
+// the sixteen rows of group g; the C * G * 2 accumulators are independent, so
+// the recursion's latency overlaps. Blocks of 16 pixels keep every sweep's
+// channel order fixed and the data in cache between transpose and recursion.
+// A row whose Out is null is read (its In must be valid) but not written.
+// Carry keeps the accumulators over the turn (the lone single-channel rows);
+// otherwise the backward sweep restarts from the forward byte of the last pixel.
+template <int C, int G, bool Carry>
+void ExpRowsGroup(const unsigned char* const* In, unsigned char* const* Out, int Width, unsigned char* Lines,
+                  __m128i Alpha) {
+  constexpr int K = C * G;  // entries per pixel
+  auto entry = [Lines](int j, int g) { return Lines + (size_t(j) * G + g) * 16; };
+  __m128i a0[K] = {}, a1[K] = {};
+  const int n = Width * C;
+  for (int p0 = 0; p0 < Width; p0 += 16) {
+    const int px = Width - p0 < 16 ? Width - p0 : 16;
+    for (int s = 0; s < C; ++s) {
+      const int j0 = p0 * C + 16 * s, valid = n - j0;
+      if (valid <= 0) break;
+#pragma GCC unroll 16
+      for (int g = 0; g < G; ++g) {
+        __m128i r[16];
+#pragma GCC unroll 16
+        for (int k = 0; k < 16; ++k) {
+          const unsigned char* row = In[16 * g + k] + j0;
+          if (valid >= 16) {
+            r[k] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(row));
+          } else {
+            alignas(16) unsigned char tmp[16] = {};
+            std::memcpy(tmp, row, size_t(valid));
+            r[k] = _mm_load_si128(reinterpret_cast<const __m128i*>(tmp));
+          }
+        }
+        Transpose16x16Bytes(r);
+#pragma GCC unroll 16
+        for (int k = 0; k < 16; ++k) _mm_store_si128(reinterpret_cast<__m128i*>(entry(j0 + k, g)), r[k]);
       }
     }
-    for (int x = block_end; x < Width; ++x)
-      for (int k = 0; k < 4; ++k) Lines[size_t(x) * 16 + 4 * s + k] = r[k][x];
+    if (p0 == 0)
+#pragma GCC unroll 16
+      for (int c = 0; c < C; ++c)
+#pragma GCC unroll 16
+        for (int g = 0; g < G; ++g) StartEntry(entry(c, g), a0[c * G + g], a1[c * G + g]);
+    for (int p = p0; p < p0 + px; ++p)
+#pragma GCC unroll 16
+      for (int c = 0; c < C; ++c)
+#pragma GCC unroll 16
+        for (int g = 0; g < G; ++g) StepEntry(entry(p * C + c, g), a0[c * G + g], a1[c * G + g], Alpha);
   }
-  ExpKernel16(Lines, Width, Alpha);
-  for (int s = 0; s < 4; ++s) {
-    unsigned char* r[4];
-    for (int k = 0; k < 4; ++k) r[k] = Dest + size_t(4 * s + k) * Stride;
-    for (int x = 0; x < block_end; x += 16) {
-      __m128i v[4];
-      for (int k = 0; k < 4; ++k) {
-        const int16_t* col = Lines + size_t(x + 4 * k) * 16 + 4 * s;
-        const __m128i lo = LoadTwoHalves(col, col + 16), hi = LoadTwoHalves(col + 32, col + 48);
-        v[k] = Transpose4x4Bytes(_mm_packus_epi16(lo, hi));
+  if (!Carry)
+#pragma GCC unroll 16
+    for (int c = 0; c < C; ++c)
+#pragma GCC unroll 16
+      for (int g = 0; g < G; ++g) StartEntry(entry((Width - 1) * C + c, g), a0[c * G + g], a1[c * G + g]);
+  for (int p0 = ((Width - 1) / 16) * 16; p0 >= 0; p0 -= 16) {
+    const int px = Width - p0 < 16 ? Width - p0 : 16;
+    for (int p = p0 + px - 1; p >= p0; --p)
+#pragma GCC unroll 16
+      for (int c = 0; c < C; ++c)
+#pragma GCC unroll 16
+        for (int g = 0; g < G; ++g) StepEntry(entry(p * C + c, g), a0[c * G + g], a1[c * G + g], Alpha);
+    for (int s = 0; s < C; ++s) {
+      const int j0 = p0 * C + 16 * s, valid = n - j0;
+      if (valid <= 0) break;
+#pragma GCC unroll 16
+      for (int g = 0; g < G; ++g) {
+        __m128i r[16];
+#pragma GCC unroll 16
+        for (int k = 0; k < 16; ++k) r[k] = _mm_load_si128(reinterpret_cast<const __m128i*>(entry(j0 + k, g)));
+        Transpose16x16Bytes(r);
+#pragma GCC unroll 16
+        for (int k = 0; k < 16; ++k) {
+          unsigned char* row = Out[16 * g + k];
+          if (row == nullptr) continue;
+          if (valid >= 16) {
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(row + j0), r[k]);
+          } else {
+            alignas(16) unsigned char tmp[16];
+            _mm_store_si128(reinterpret_cast<__m128i*>(tmp), r[k]);
+            std::memcpy(row + j0, tmp, size_t(valid));
+          }
+        }
       }
-      Transpose4x4Epi32(v[0], v[1], v[2], v[3]);
-      for (int k = 0; k < 4; ++k) _mm_storeu_si128(reinterpret_cast<__m128i*>(r[k] + x), v[k]);
     }
-    for (int x = block_end; x < Width; ++x)
-      for (int k = 0; k < 4; ++k) r[k][x] = static_cast<unsigned char>(Lines[size_t(x) * 16 + 4 * s + k]);
   }
 }
 
-// Up to four rows of 3 or 4 channels: lane 4 * s + c of column x is channel c
-// of pixel x in row s; a 3-channel pixel's fourth lane is 0.
-void ExpRowsPixels(const unsigned char* Src, unsigned char* Dest, int Width, int Stride, int Channel, int Rows,
-                   int16_t* Lines, __m128i Alpha) {
-  // A partial group leaves lanes without a row: keep them defined.
-  if (Rows < 4) std::memset(Lines, 0, size_t(Width) * 32);
-  const __m128i spread3 = _mm_setr_epi8(0, 1, 2, -1, 3, 4, 5, -1, 6, 7, 8, -1, 9, 10, 11, -1);
-  const __m128i drop3 = _mm_setr_epi8(0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1);
-  // Four pixels per 16-byte load while the load stays inside the row.
-  const int block_end = Channel == 4 ? (Width & ~3) : (Width >= 6 ? ((Width - 2) / 4) * 4 : 0);
-  for (int s = 0; s < Rows; ++s) {
-    const unsigned char* row = Src + size_t(s) * Stride;
-    int x = 0;
-    for (; x < block_end; x += 4) {
-      __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(row + x * Channel));
-      if (Channel == 3) v = _mm_shuffle_epi8(v, spread3);
-      int16_t* col = Lines + size_t(x) * 16 + 4 * s;
-      StoreTwoHalves(col, col + 16, WidenLoU8(v));
-      StoreTwoHalves(col + 32, col + 48, WidenHiU8(v));
-    }
-    for (; x < Width; ++x)
-      for (int c = 0; c < 4; ++c) Lines[size_t(x) * 16 + 4 * s + c] = c < Channel ? row[x * Channel + c] : 0;
+// Rows y .. y + Count - 1 (Count <= 16 * G) through ExpRowsGroup; the lanes of
+// missing rows read row y again and write nowhere.
+template <int C, int G, bool Carry>
+void ExpRowsAt(const unsigned char* Src, unsigned char* Dest, int Width, int Stride, int Count, unsigned char* Lines,
+               __m128i Alpha) {
+  const unsigned char* in[16 * G];
+  unsigned char* out[16 * G];
+  for (int k = 0; k < 16 * G; ++k) {
+    in[k] = Src + size_t(k < Count ? k : 0) * Stride;
+    out[k] = k < Count ? Dest + size_t(k) * Stride : nullptr;
   }
-  ExpKernel16(Lines, Width, Alpha);
-  for (int s = 0; s < Rows; ++s) {
-    unsigned char* row = Dest + size_t(s) * Stride;
-    int x = 0;
-    for (; x < block_end; x += 4) {
-      const int16_t* col = Lines + size_t(x) * 16 + 4 * s;
-      __m128i v = _mm_packus_epi16(LoadTwoHalves(col, col + 16), LoadTwoHalves(col + 32, col + 48));
-      if (Channel == 4) {
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(row + x * 4), v);
-      } else {
-        v = _mm_shuffle_epi8(v, drop3);
-        _mm_storel_epi64(reinterpret_cast<__m128i*>(row + x * 3), v);
-        const int last = _mm_cvtsi128_si32(_mm_srli_si128(v, 8));
-        std::memcpy(row + x * 3 + 8, &last, 4);
-      }
-    }
-    for (; x < Width; ++x)
-      for (int c = 0; c < Channel; ++c)
-        row[x * Channel + c] = static_cast<unsigned char>(Lines[size_t(x) * 16 + 4 * s + c]);
-  }
+  ExpRowsGroup<C, G, Carry>(in, out, Width, Lines, Alpha);
 }
 
-// A single-channel row by itself: the accumulator carries its 7 fractional
-// bits over the turn instead of restarting from the forward byte.
-void ExpRowScalar(const unsigned char* Src, unsigned char* Dest, int Width, int Alpha) {
-  int a = Src[0] << 7;
-  for (int x = 0; x < Width; ++x) {
-    a = ExpStep(a, Src[x], Alpha);
-    Dest[x] = static_cast<unsigned char>(a >> 7);
-  }
-  for (int x = Width - 1; x >= 0; --x) {
-    a = ExpStep(a, Dest[x], Alpha);
-    Dest[x] = static_cast<unsigned char>(a >> 7);
+// K consecutive column steps on bytes X0 .. X1 - 1 (multiples of 16), the
+// state loaded and stored once. A step's input row may be the previous
+// step's output row (the turn), so each input is loaded after that store.
+template <int K>
+void ExpColumnSteps(const unsigned char* const* In, unsigned char* const* Out, int16_t* State, int X0, int X1,
+                    __m128i Alpha) {
+  for (int x = X0; x < X1; x += 16) {
+    __m128i* st = reinterpret_cast<__m128i*>(State + x);
+    __m128i a0 = _mm_load_si128(st), a1 = _mm_load_si128(st + 1);
+#pragma GCC unroll 4
+    for (int k = 0; k < K; ++k) {
+      const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(In[k] + x));
+      a0 = ExpStepV(a0, WidenLoU8(v), Alpha);
+      a1 = ExpStepV(a1, WidenHiU8(v), Alpha);
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(Out[k] + x),
+                       _mm_packus_epi16(_mm_srai_epi16(a0, 7), _mm_srai_epi16(a1, 7)));
+    }
+    _mm_store_si128(st, a0);
+    _mm_store_si128(st + 1, a1);
   }
 }
 
@@ -170,20 +215,36 @@ int ExpBlurRows(const unsigned char* Src, unsigned char* Dest, int Width, int He
   const int status = ExpFrame(Src, Dest, Width, Height, Stride, Radius, &Channel);
   if (status != STATUS_OK) return status;
 
-  int16_t* lines = AlignedArray<int16_t>(size_t(Width) * 16, 16);
+  // Entries of 16 bytes for each byte of a row (rounded up to a whole
+  // transpose), for two groups of rows at once.
+  const size_t entries = (size_t(Width) * Channel + 15) / 16 * 16;
+  unsigned char* lines = AlignedArray<unsigned char>(entries * 32, 16);
   if (lines == nullptr) return STATUS_OUT_OF_MEMORY;
   const int alpha = ExpBlurAlpha(Radius);
   const __m128i valpha = _mm_set1_epi16(static_cast<int16_t>(alpha));
   if (Channel == 1) {
     const int group_end = (Height / 16) * 16;
-    for (int y = 0; y < group_end; y += 16)
-      ExpRows16(Src + size_t(y) * Stride, Dest + size_t(y) * Stride, Width, Stride, lines, valpha);
-    for (int y = group_end; y < Height; ++y)
-      ExpRowScalar(Src + size_t(y) * Stride, Dest + size_t(y) * Stride, Width, alpha);
+    int y = 0;
+    for (; y + 32 <= group_end; y += 32)
+      ExpRowsAt<1, 2, false>(Src + size_t(y) * Stride, Dest + size_t(y) * Stride, Width, Stride, 32, lines, valpha);
+    if (y < group_end)
+      ExpRowsAt<1, 1, false>(Src + size_t(y) * Stride, Dest + size_t(y) * Stride, Width, Stride, 16, lines, valpha);
+    // The rows past the last group keep their 7 fractional bits at the turn,
+    // as one 32-bit accumulator per row would: the high-half multiply gives
+    // the same floor as the 32-bit product shifted right by 16.
+    if (group_end < Height)
+      ExpRowsAt<1, 1, true>(Src + size_t(group_end) * Stride, Dest + size_t(group_end) * Stride, Width, Stride,
+                            Height - group_end, lines, valpha);
   } else {
-    for (int y = 0; y < Height; y += 4)
-      ExpRowsPixels(Src + size_t(y) * Stride, Dest + size_t(y) * Stride, Width, Stride, Channel,
-                    Height - y < 4 ? Height - y : 4, lines, valpha);
+    for (int y = 0; y < Height; y += 16) {
+      const int count = Height - y < 16 ? Height - y : 16;
+      if (Channel == 3)
+        ExpRowsAt<3, 1, false>(Src + size_t(y) * Stride, Dest + size_t(y) * Stride, Width, Stride, count, lines,
+                               valpha);
+      else
+        ExpRowsAt<4, 1, false>(Src + size_t(y) * Stride, Dest + size_t(y) * Stride, Width, Stride, count, lines,
+                               valpha);
+    }
   }
   AlignedFree(lines);
   return STATUS_OK;
@@ -202,22 +263,27 @@ int ExpBlurColumns(const unsigned char* Src, unsigned char* Dest, int Width, int
   for (int i = 0; i < n; ++i) state[i] = static_cast<int16_t>(Src[i] << 7);
 
   const int block_end = n & ~15;
-  // Down the image from Src, then back up over Dest; the last row runs twice.
+  // Step i of 2 * Height takes row i down the image from Src, then row
+  // 2 * Height - 1 - i back up over Dest; the last row runs twice.
+  auto in_row = [&](int i) {
+    return i < Height ? Src + size_t(i) * Stride : Dest + size_t(2 * Height - 1 - i) * Stride;
+  };
+  auto out_row = [&](int i) { return Dest + size_t(i < Height ? i : 2 * Height - 1 - i) * Stride; };
+  // Four steps per load and store of the state.
+  int i = 0;
+  for (; i + 4 <= 2 * Height; i += 4) {
+    const unsigned char* in[4] = {in_row(i), in_row(i + 1), in_row(i + 2), in_row(i + 3)};
+    unsigned char* out[4] = {out_row(i), out_row(i + 1), out_row(i + 2), out_row(i + 3)};
+    ExpColumnSteps<4>(in, out, state, 0, block_end, valpha);
+  }
+  if (i < 2 * Height) {  // 2 * Height is even
+    const unsigned char* in[2] = {in_row(i), in_row(i + 1)};
+    unsigned char* out[2] = {out_row(i), out_row(i + 1)};
+    ExpColumnSteps<2>(in, out, state, 0, block_end, valpha);
+  }
+  // The tail reads its bytes from the Dest row in both sweeps.
   for (int i = 0; i < 2 * Height; ++i) {
-    const int y = i < Height ? i : 2 * Height - 1 - i;
-    const unsigned char* in = (i < Height ? Src : Dest) + size_t(y) * Stride;
-    unsigned char* out = Dest + size_t(y) * Stride;
-    for (int x = 0; x < block_end; x += 16) {
-      const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + x));
-      __m128i* st = reinterpret_cast<__m128i*>(state + x);
-      const __m128i a0 = ExpStepV(_mm_load_si128(st), WidenLoU8(v), valpha);
-      const __m128i a1 = ExpStepV(_mm_load_si128(st + 1), WidenHiU8(v), valpha);
-      _mm_store_si128(st, a0);
-      _mm_store_si128(st + 1, a1);
-      _mm_storeu_si128(reinterpret_cast<__m128i*>(out + x),
-                       _mm_packus_epi16(_mm_srai_epi16(a0, 7), _mm_srai_epi16(a1, 7)));
-    }
-    // The tail reads its bytes from the Dest row in both sweeps.
+    unsigned char* out = out_row(i);
     for (int x = block_end; x < n; ++x) {
       const int a = ExpStep(state[x], out[x], alpha);
       state[x] = static_cast<int16_t>(a);

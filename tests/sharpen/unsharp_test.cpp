@@ -75,6 +75,31 @@ TEST(UnsharpMask, MatchesModelOnEveryShape) {
     }
 }
 
+// Runs of 2^18 bytes and more take the body from a table of every byte pair;
+// when that table cannot be allocated the body is computed, with the same bytes.
+TEST(UnsharpMask, LargeRunsMatchModel) {
+  struct {
+    int radius, amount, threshold;
+  } params[] = {{2, 150, 0}, {3, 250, 4}, {2, -80, 10}, {5, 1000, -3}, {2, 60, 65536 + 2}, {4, 300, -40000}};
+  for (const auto& p : params)
+    for (int c : {1, 3}) {
+      auto src = qvt::MakeImage(733 / c, 361, c, 3);
+      auto dst = qvt::MakeImage(733 / c, 361, c, 3);
+      ASSERT_GE(src.data.size(), size_t(1) << 18);
+      const qvt::Bytes expect = UnsharpModel(src, dst.data, p.radius, p.amount, p.threshold);
+      for (int fail : {0, 3}) {
+        auto got = dst;
+        qvt::AllocHook hook(fail);
+        ASSERT_EQ(QV_UnsharpMask(src.ptr(), got.ptr(), src.Width, 361, src.Stride, p.radius, p.amount, p.threshold),
+                  STATUS_OK);
+        EXPECT_EQ(hook.Requests(), 3);
+        EXPECT_EQ(hook.Live(), 0);
+        ASSERT_TRUE(qvt::SameBytes(expect, got.data, src.Stride))
+            << "c=" << c << " amount " << p.amount << " threshold " << p.threshold << " fail " << fail;
+      }
+    }
+}
+
 // Offsets of the run where |Src - blur| is within T and not 0, split by body
 // (the run rounded down to 8) and tail.
 void InsideThreshold(const qvt::Image& src, const qvt::Bytes& blur, int T, std::vector<size_t>* Body,

@@ -119,6 +119,19 @@ TEST(ExpBlur, HalvesAndExportMatchModel) {
     }
 }
 
+// Taller images: single-channel groups of sixteen rows run in pairs, an odd
+// group alone, and the rows past the last group by themselves.
+TEST(ExpBlur, TallImagesMatchModel) {
+  for (int c : {1, 3, 4})
+    for (int w : {1, 16, 17, 70})
+      for (int h : {48, 50, 64, 81}) {
+        auto src = qvt::MakeImage(w, h, c, 0);
+        auto got = src;
+        ASSERT_EQ(qv::ExpBlurRows(src.ptr(), got.ptr(), w, h, src.Stride, 2), STATUS_OK);
+        ASSERT_TRUE(qvt::SameBytes(RowsModel(src, 2), got.data)) << w << "x" << h << "x" << c;
+      }
+}
+
 // Row 16 of a 17-row image runs alone and keeps its fraction at the turn,
 // so it ends a level above the identical rows that ran in a group of 16.
 TEST(ExpBlur, RowsPastTheGroupCarryTheFraction) {
