@@ -33,6 +33,7 @@ typedef enum QV_Status {
 
 /* ---- point operators ---------------------------------------------------- */
 
+/* 255 - v over the whole buffer, padding included; a 4-channel pixel keeps its fourth sample. */
 QV_API int QV_Invert(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride);
 /* Gamma curve ((i * 0.003921569f) ^ Gamma) * 255, truncated, on the first three samples (3 or 4 channels). */
 QV_API int QV_GammaCorrection(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride,
