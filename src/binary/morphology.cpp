@@ -1,6 +1,6 @@
-// Gray morphology: square-window maximum and minimum at a cost independent of
-// the radius (block prefix and suffix extrema), and opening, closing and the
-// local range built on them. The column pass walks the rows; the row pass runs
+// Gray morphology: square-window maximum and minimum, directly in one pass for
+// small radii and at a cost independent of the radius (block prefix and suffix
+// extrema) above, and opening, closing and the local range built on them. The column pass walks the rows; the row pass runs
 // the same walk down bands of 16 rows transposed into lines.
 #include <emmintrin.h>
 #include <smmintrin.h>
@@ -501,9 +501,144 @@ int FilterHorizontal(const unsigned char* Src, unsigned char* Dest, int Width, i
   return STATUS_OK;
 }
 
+// Radius 1 to kFusedRadius in one pass over the image: the column extremum of
+// each pair of output rows shares the 2 * Radius rows both windows hold; each
+// of the two goes into a row buffer padded by Radius copies of its edge
+// pixels, and the row extremum is read from it by shifted loads straight into
+// Dest. In place, every row is copied into a ring of Radius + 2 slots before
+// it is written, and rows up to the pair are read from there.
+constexpr int kFusedRadius = 6;
+
+template <class Op, int C, int R>
+inline void FusedRowPass(const unsigned char* V, unsigned char* Out, int m) {
+  if (m < 16) {
+    for (int x = 0; x < m; ++x) {
+      unsigned char v = V[x];
+      for (int i = 1; i <= 2 * R; ++i) v = Op::S(v, V[x + i * C]);
+      Out[x] = v;
+    }
+    return;
+  }
+  // The last vector overlaps the one before when m is no multiple of 16.
+  for (int x = 0;;) {
+    const unsigned char* p = V + x;
+    __m128i a = Op::V(LoadU(p), LoadU(p + C));
+    __m128i b = LoadU(p + 2 * C);
+#pragma GCC unroll 12
+    for (int i = 3; i <= 2 * R; i += 2) {
+      a = Op::V(a, LoadU(p + i * C));
+      b = Op::V(b, LoadU(p + (i + 1) * C));
+    }
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(Out + x), Op::V(a, b));
+    if (x == m - 16) break;
+    x = x + 32 <= m ? x + 16 : m - 16;
+  }
+}
+
+// Radius copies of the first and last pixel around the m bytes at V + R * C.
+template <int C, int R>
+inline void FusedPad(unsigned char* V, int m) {
+  unsigned char* row = V + R * C;
+  for (int i = 0; i < R * C; ++i) V[i] = row[i % C];
+  for (int j = 0; j < R * C; ++j) row[m + j] = row[m - C + j % C];
+}
+
+template <class Op, int C, int R>
+void FusedRows(const unsigned char* Src, unsigned char* Dest, int Width, int n, int Stride, unsigned char* Buf) {
+  const int m = C * Width;
+  const size_t line = size_t(m) + 2 * R * C + 32;
+  unsigned char* va = Buf;
+  unsigned char* vb = Buf + line;
+  unsigned char* slots = Buf + 2 * line;
+  const bool inplace = Src == Dest;
+  for (int p = 0; p < n; p += 2) {
+    const bool pair = p + 1 < n;
+    if (inplace) {
+      std::memcpy(slots + ptrdiff_t(p % (R + 2)) * m, Src + ptrdiff_t(p) * Stride, m);
+      if (pair) std::memcpy(slots + ptrdiff_t((p + 1) % (R + 2)) * m, Src + ptrdiff_t(p + 1) * Stride, m);
+    }
+    // Rows p - R .. p + 1 + R, clamped.
+    const unsigned char* rows[2 * R + 2];
+    for (int i = 0; i < 2 * R + 2; ++i) {
+      int y = p + i - R;
+      y = y < 0 ? 0 : (y >= n ? n - 1 : y);
+      rows[i] = inplace && y <= p + 1 ? slots + ptrdiff_t(y % (R + 2)) * m : Src + ptrdiff_t(y) * Stride;
+    }
+    unsigned char* a = va + R * C;
+    unsigned char* b = vb + R * C;
+    if (m >= 16) {
+      for (int x = 0;;) {
+        __m128i core = LoadU(rows[1] + x);
+#pragma GCC unroll 12
+        for (int i = 2; i <= 2 * R; ++i) core = Op::V(core, LoadU(rows[i] + x));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(a + x), Op::V(core, LoadU(rows[0] + x)));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(b + x), Op::V(core, LoadU(rows[2 * R + 1] + x)));
+        if (x == m - 16) break;
+        x = x + 32 <= m ? x + 16 : m - 16;
+      }
+    } else {
+      for (int x = 0; x < m; ++x) {
+        unsigned char core = rows[1][x];
+        for (int i = 2; i <= 2 * R; ++i) core = Op::S(core, rows[i][x]);
+        a[x] = Op::S(core, rows[0][x]);
+        b[x] = Op::S(core, rows[2 * R + 1][x]);
+      }
+    }
+    FusedPad<C, R>(va, m);
+    FusedRowPass<Op, C, R>(va, Dest + ptrdiff_t(p) * Stride, m);
+    if (pair) {
+      FusedPad<C, R>(vb, m);
+      FusedRowPass<Op, C, R>(vb, Dest + ptrdiff_t(p + 1) * Stride, m);
+    }
+  }
+}
+
+template <class Op, int C>
+void FusedChannel(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, int Radius,
+                  unsigned char* Buf) {
+  switch (Radius) {
+    case 1:
+      return FusedRows<Op, C, 1>(Src, Dest, Width, Height, Stride, Buf);
+    case 2:
+      return FusedRows<Op, C, 2>(Src, Dest, Width, Height, Stride, Buf);
+    case 3:
+      return FusedRows<Op, C, 3>(Src, Dest, Width, Height, Stride, Buf);
+    case 4:
+      return FusedRows<Op, C, 4>(Src, Dest, Width, Height, Stride, Buf);
+    case 5:
+      return FusedRows<Op, C, 5>(Src, Dest, Width, Height, Stride, Buf);
+    default:
+      return FusedRows<Op, C, 6>(Src, Dest, Width, Height, Stride, Buf);
+  }
+}
+
+// Clamped row indices and edge copies give the clipped window whatever the
+// radius is against the sides, so no limit is needed here.
+template <class Op>
+int FusedExtremum(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, int Radius) {
+  const int Channel = qv::DeriveChannel(Stride, Width);
+  if (Src == nullptr || Dest == nullptr) return STATUS_NULL_REFERENCE;
+  if (Width < 1 || Height < 1) return STATUS_INVALID_PARAMETER;
+  if (!qv::IsChannel134(Channel)) return STATUS_INVALID_PARAMETER;
+  const int m = Channel * Width;
+  const size_t line = size_t(m) + 2 * size_t(Radius) * Channel + 32;
+  const size_t bytes = 2 * line + (Src == Dest ? size_t(Radius + 2) * m : 0);
+  unsigned char* buf = qv::AlignedArray<unsigned char>(bytes, 32);
+  if (buf == nullptr) return STATUS_OUT_OF_MEMORY;
+  if (Channel == 1)
+    FusedChannel<Op, 1>(Src, Dest, Width, Height, Stride, Radius, buf);
+  else if (Channel == 3)
+    FusedChannel<Op, 3>(Src, Dest, Width, Height, Stride, Radius, buf);
+  else
+    FusedChannel<Op, 4>(Src, Dest, Width, Height, Stride, Radius, buf);
+  qv::AlignedFree(buf);
+  return STATUS_OK;
+}
+
 // Two separable passes; the first step's frame is the operator's frame.
 template <class Op>
 int Extremum(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, int Radius) {
+  if (Radius >= 1 && Radius <= kFusedRadius) return FusedExtremum<Op>(Src, Dest, Width, Height, Stride, Radius);
   int status = FilterVertical<Op>(Src, Dest, Width, Height, Stride, Radius);
   if (status != STATUS_OK) return status;
   return FilterHorizontal<Op>(Dest, Dest, Width, Height, Stride, Radius);
