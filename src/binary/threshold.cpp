@@ -224,9 +224,7 @@ extern "C" QV_API int QV_GetHuangFuzzyThreshold(const unsigned char* Src, int Wi
   int32_t* w = qv::CallocArray<int32_t>(last + 1);
   float* smu = qv::CallocArray<float>(d + 1);
   if (s == nullptr || w == nullptr || smu == nullptr) {
-    qv::Free(s);
-    qv::Free(w);
-    qv::Free(smu);
+    qv::FreeAll(s, w, smu);
     return STATUS_OUT_OF_MEMORY;
   }
   s[0] = h[0];
@@ -263,9 +261,7 @@ extern "C" QV_API int QV_GetHuangFuzzyThreshold(const unsigned char* Src, int Wi
       result = y;
     }
   }
-  qv::Free(s);
-  qv::Free(w);
-  qv::Free(smu);
+  qv::FreeAll(s, w, smu);
   *ThresholdOut = result;
   return STATUS_OK;
 }

@@ -126,10 +126,7 @@ extern "C" QV_API int QV_Retinex(const unsigned char* Src, unsigned char* Dest, 
   // allocation succeeded).
   if (scales != nullptr) qv::RetinexScales(scales, MaxSigma, ScaleCount);
   if (luminance == nullptr || result == nullptr || plane == nullptr || scales == nullptr) {
-    qv::Free(luminance);
-    qv::Free(result);
-    qv::Free(plane);
-    qv::Free(scales);
+    qv::FreeAll(luminance, result, plane, scales);
     return STATUS_OUT_OF_MEMORY;
   }
 
@@ -159,10 +156,7 @@ extern "C" QV_API int QV_Retinex(const unsigned char* Src, unsigned char* Dest, 
   }
   if (status == STATUS_OK)
     status = qv::ApplyNewLuminance(Src, Dest, Width, Height, Stride, Channel, luminance, result, 4);
-  qv::Free(luminance);
-  qv::Free(result);
-  qv::Free(plane);
-  qv::Free(scales);
+  qv::FreeAll(luminance, result, plane, scales);
   return status;
 }
 
@@ -179,10 +173,7 @@ extern "C" QV_API int QV_ALTM_Retinex(const unsigned char* Src, unsigned char* D
   float* plane = qv::MallocArray<float>(n);
   float* table = qv::MallocArray<float>(256);
   if (luminance == nullptr || result == nullptr || plane == nullptr || table == nullptr) {
-    qv::Free(luminance);
-    qv::Free(result);
-    qv::Free(plane);
-    qv::Free(table);
+    qv::FreeAll(luminance, result, plane, table);
     return STATUS_OUT_OF_MEMORY;
   }
 
@@ -206,10 +197,7 @@ extern "C" QV_API int QV_ALTM_Retinex(const unsigned char* Src, unsigned char* D
   if (status == STATUS_OK) status = qv::FloatPlaneToBytes(plane, result, Width, Height);
   if (status == STATUS_OK)
     status = qv::ApplyNewLuminance(Src, Dest, Width, Height, Stride, Channel, luminance, result, 0);
-  qv::Free(luminance);
-  qv::Free(result);
-  qv::Free(plane);
-  qv::Free(table);
+  qv::FreeAll(luminance, result, plane, table);
   return status;
 }
 

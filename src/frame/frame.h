@@ -38,6 +38,13 @@ void Free(void* Ptr);
 void* AlignedMalloc(size_t Bytes, size_t Alignment);
 void AlignedFree(void* Ptr);
 
+// Frees every block given (null is fine): the failure and exit paths of the
+// all-or-nothing allocation idiom. Not for aligned blocks.
+template <typename... T>
+static inline void FreeAll(T*... Ptr) {
+  (Free(Ptr), ...);
+}
+
 template <typename T>
 static inline T* MallocArray(size_t Count) {
   return static_cast<T*>(Malloc(Count * sizeof(T)));

@@ -761,8 +761,6 @@ extern "C" QV_API int LaplacePyramidTest(const unsigned char* Src, unsigned char
     }
     qv::PyramidFree(gauss, Levels, true);
   }
-  qv::Free(laplace);
-  qv::Free(gauss);
-  qv::Free(image);
+  qv::FreeAll(laplace, gauss, image);
   return status;
 }

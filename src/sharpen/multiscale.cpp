@@ -34,9 +34,7 @@ extern "C" QV_API int QV_MultiScaleSharpen(const unsigned char* Src, unsigned ch
   unsigned char* b2 = qv::MallocArray<unsigned char>(n);
   unsigned char* b3 = qv::MallocArray<unsigned char>(n);
   if (b1 == nullptr || b2 == nullptr || b3 == nullptr) {
-    qv::Free(b1);
-    qv::Free(b2);
-    qv::Free(b3);
+    qv::FreeAll(b1, b2, b3);
     return STATUS_OUT_OF_MEMORY;
   }
   // The blur leaves row padding alone, yet the run below reads it: padding
@@ -74,8 +72,6 @@ extern "C" QV_API int QV_MultiScaleSharpen(const unsigned char* Src, unsigned ch
       Dest[i] = static_cast<unsigned char>(qv::ClampToByte(c + (2 * ((2 - s) * d + b1[i]) - b2[i] - b3[i]) / 4));
     }
   }
-  qv::Free(b1);
-  qv::Free(b2);
-  qv::Free(b3);
+  qv::FreeAll(b1, b2, b3);
   return status;
 }
