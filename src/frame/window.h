@@ -43,6 +43,7 @@
 #include <cstdint>
 #include <cstring>
 #include <type_traits>
+#include <utility>
 
 #include "frame/border.h"
 #include "frame/rows.h"
@@ -196,6 +197,16 @@ static inline void AccumulateRow(float* C, const float* Add, const float* SubRow
   for (; i < Count; ++i) C[i] = C[i] + (Sub ? Add[i] - SubRow[i] : Add[i]);
 }
 
+// Whether an operator converts two 4-lane blocks in one call.
+template <typename Op>
+static auto TakesTwoBlocksTest(int)
+    -> decltype(std::declval<Op&>().Vector(0, std::declval<const __m128i&>(), std::declval<const __m128i&>()),
+                std::true_type{});
+template <typename Op>
+static std::false_type TakesTwoBlocksTest(...);
+template <typename Op>
+using TakesTwoBlocks = decltype(TakesTwoBlocksTest<Op>(0));
+
 }  // namespace window_detail
 
 // ---- the vertical step -----------------------------------------------------------------
@@ -210,12 +221,17 @@ static inline void ColumnSumsFirstRow(T* Columns, const uint8_t* Src, int Stride
       // Down each run of 16 columns at once, in 16-bit lanes for up to 257
       // rows (257 * 255 fits), then into the 32-bit sums: the same values,
       // at a fraction of the cost for the 2R + 1 rows of a large radius.
+      // When the table mirrors (entry k and entry 2R - 1 - k name one row, as
+      // FillRowTable makes them), rows R .. 2R - 1 are read once and doubled.
       const int n = Width * Channel, rows = 2 * Radius + 1;
+      bool mirrored = true;
+      for (int k = 0; k < Radius && mirrored; ++k) mirrored = RowTable[k] == RowTable[2 * Radius - 1 - k];
+      const int first = mirrored ? Radius : 0, last = mirrored ? rows - 1 : rows;
       int i = 0;
       for (; i + 16 <= n; i += 16) {
         __m128i c0 = _mm_setzero_si128(), c1 = c0, c2 = c0, c3 = c0;
-        for (int k0 = 0; k0 < rows; k0 += 257) {
-          const int k1 = rows - k0 < 257 ? rows : k0 + 257;
+        for (int k0 = first; k0 < last; k0 += 257) {
+          const int k1 = last - k0 < 257 ? last : k0 + 257;
           __m128i lo = _mm_setzero_si128(), hi = lo;
           for (int k = k0; k < k1; ++k) {
             const __m128i v = Load16Bytes(Src + static_cast<ptrdiff_t>(RowTable[k]) * Stride + i);
@@ -226,6 +242,14 @@ static inline void ColumnSumsFirstRow(T* Columns, const uint8_t* Src, int Stride
           c1 = _mm_add_epi32(c1, WidenHiU16ToI32(lo));
           c2 = _mm_add_epi32(c2, WidenLoU16ToI32(hi));
           c3 = _mm_add_epi32(c3, WidenHiU16ToI32(hi));
+        }
+        if (mirrored) {
+          const __m128i v = Load16Bytes(Src + static_cast<ptrdiff_t>(RowTable[rows - 1]) * Stride + i);
+          const __m128i lo = WidenLoU8ToU16(v), hi = WidenHiU8ToU16(v);
+          c0 = _mm_add_epi32(_mm_add_epi32(c0, c0), WidenLoU16ToI32(lo));
+          c1 = _mm_add_epi32(_mm_add_epi32(c1, c1), WidenHiU16ToI32(lo));
+          c2 = _mm_add_epi32(_mm_add_epi32(c2, c2), WidenLoU16ToI32(hi));
+          c3 = _mm_add_epi32(_mm_add_epi32(c3, c3), WidenHiU16ToI32(hi));
         }
         Store16Bytes(Columns + i, c0);
         Store16Bytes(Columns + i + 4, c1);
@@ -359,7 +383,8 @@ struct WindowLane<float> {
 // for x = 1 while x < ((Width - 1) / Block) * Block + 1: the differences
 // C[x + i + 2R] - C[x + i - 1] turned into a running sum in the register, S
 // added, Op.Vector(x, Sums) with Block sums (x .. x + Block - 1), the last
-// lane carried on. The rest: S += C[x + 2R] - C[x - 1]; Op.Scalar(x, S).
+// lane carried on. In 32 bits, an Op that has Vector(x, Sums0, Sums1) gets
+// two blocks together wherever two remain. The rest: S += C[x + 2R] - C[x - 1]; Op.Scalar(x, S).
 // Float blocks keep the sequential order; the float rest runs in double.
 template <typename T, typename Op>
 static inline void SlideWindowRow(const T* C, int Width, int Radius, Op&& op) {
@@ -388,7 +413,20 @@ static inline void SlideWindowRow(const T* C, int Width, int Radius, Op&& op) {
       }
       S = static_cast<double>(_mm_cvtss_f32(s));
     } else if constexpr (std::is_same<T, int32_t>::value) {
+      // Two blocks a step where two remain, handed over together so that the
+      // operator can convert eight sums at once; the carry into the second
+      // block is taken off the first block's differences, not its sums, so
+      // the chain from step to step is one add.
       __m128i s = _mm_set1_epi32(S);
+      if constexpr (window_detail::TakesTwoBlocks<Op>::value)
+        for (; x + 4 < block_end; x += 8) {
+          const __m128i p0 = PrefixSumI32x4(_mm_sub_epi32(Load16Bytes(C + x + R2), Load16Bytes(C + x - 1)));
+          const __m128i p1 = PrefixSumI32x4(_mm_sub_epi32(Load16Bytes(C + x + 4 + R2), Load16Bytes(C + x + 3)));
+          const __m128i s0 = _mm_add_epi32(p0, s);
+          const __m128i s1 = _mm_add_epi32(_mm_add_epi32(p1, BroadcastLastI32(p0)), s);
+          op.Vector(x, s0, s1);
+          s = BroadcastLastI32(s1);
+        }
       for (; x < block_end; x += 4) {
         const __m128i d = _mm_sub_epi32(Load16Bytes(C + x + R2), Load16Bytes(C + x - 1));
         s = _mm_add_epi32(PrefixSumI32x4(d), s);
@@ -473,12 +511,16 @@ static inline void SlideWindowPixels(const T* C, int Width, int Radius, int Vect
   S_t S[4];
   int x = 0;
   if constexpr (std::is_same<T, int32_t>::value) {
+    // Wrapping integer sums may be regrouped: the differences are formed
+    // off the chain, which then costs one add per two pixels.
     __m128i s = _mm_load_si128(reinterpret_cast<const __m128i*>(first));
     for (; x < VectorEnd; x += 2) {
-      const __m128i s0 = _mm_add_epi32(s, Load16Bytes(C + Pitch * (x + R2)));
-      s = _mm_sub_epi32(s0, Load16Bytes(C + Pitch * x));
-      const __m128i s1 = _mm_add_epi32(s, Load16Bytes(C + Pitch * (x + 1 + R2)));
-      s = _mm_sub_epi32(s1, Load16Bytes(C + Pitch * (x + 1)));
+      const __m128i a0 = Load16Bytes(C + Pitch * (x + R2)), a1 = Load16Bytes(C + Pitch * (x + 1 + R2));
+      const __m128i d0 = _mm_sub_epi32(a0, Load16Bytes(C + Pitch * x));
+      const __m128i d1 = _mm_sub_epi32(a1, Load16Bytes(C + Pitch * (x + 1)));
+      const __m128i s0 = _mm_add_epi32(s, a0);
+      const __m128i s1 = _mm_add_epi32(s, _mm_add_epi32(d0, a1));
+      s = _mm_add_epi32(s, _mm_add_epi32(d0, d1));
       op.Vector(x, s0, s1);
     }
     alignas(16) int32_t l[4];

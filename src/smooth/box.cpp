@@ -62,6 +62,9 @@ struct LargeRow1 {
   unsigned char* out;
   void Scalar(int x, int32_t S) { out[x] = k.Scalar(S); }
   void Vector(int x, __m128i S) { Store4Bytes(out + x, NarrowI32x4ToU8(ScaleRoundI32(S, k.invf))); }
+  void Vector(int x, __m128i S0, __m128i S1) {
+    Store8Bytes(out + x, NarrowI32x8ToU8(ScaleRoundI32(S0, k.invf), ScaleRoundI32(S1, k.invf)));
+  }
 };
 
 template <int Channel>
