@@ -182,6 +182,100 @@ struct Bilinear {
   }
 };
 
+// Bilinear with SrcWidth exactly 2 * DestWidth: then sx is 65536 and px0
+// 16384, so column x always blends source pixels 2x and 2x + 1 with wx 64,
+// and every column lies between xFirst (0) and xLast (DestWidth). top is
+// then 64 * (left + right), which the block forms from one pairwise byte sum
+// straight from the source rows; the rest is Blend's arithmetic to the bit.
+struct Halving {
+  int Channel, DestWidth;
+  __m128i pick[3][3];  // three channels: [output vector][source vector]
+
+  explicit Halving(int C, int W) : Channel(C), DestWidth(W) {
+    // Output sample j of an 8-pixel block pairs source bytes 6 * (j / 3) +
+    // j % 3 and the one 3 bytes on, as bytes 2i and 2i + 1 of vector j / 8.
+    for (int g = 0; g < 3; ++g) {
+      alignas(16) signed char m[3][16];
+      for (int b = 0; b < 16; ++b) {
+        const int j = 8 * g + b / 2, at = 6 * (j / 3) + j % 3 + (b & 1) * 3;
+        for (int v = 0; v < 3; ++v) m[v][b] = static_cast<signed char>(at / 16 == v ? at % 16 : -1);
+      }
+      for (int v = 0; v < 3; ++v) pick[g][v] = _mm_load_si128(reinterpret_cast<const __m128i*>(m[v]));
+    }
+  }
+
+  // Left + right of the 8 samples from i on (i a multiple of 8 * Channel for
+  // three channels, of 8 otherwise), in 16-bit lanes.
+  template <int C>
+  __m128i PairSums(const unsigned char* Row, ptrdiff_t i, int g, const __m128i* v) const {
+    const __m128i ones = _mm_set1_epi8(1);
+    if (C == 1) return _mm_maddubs_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(Row + 2 * i)), ones);
+    if (C == 4) {
+      const __m128i pair = _mm_setr_epi8(0, 4, 1, 5, 2, 6, 3, 7, 8, 12, 9, 13, 10, 14, 11, 15);
+      const __m128i p = _mm_loadu_si128(reinterpret_cast<const __m128i*>(Row + 2 * i));
+      return _mm_maddubs_epi16(_mm_shuffle_epi8(p, pair), ones);
+    }
+    const __m128i p = _mm_or_si128(_mm_or_si128(_mm_shuffle_epi8(v[0], pick[g][0]), _mm_shuffle_epi8(v[1], pick[g][1])),
+                                   _mm_shuffle_epi8(v[2], pick[g][2]));
+    return _mm_maddubs_epi16(p, ones);
+  }
+
+  template <int C>
+  void BlendC(const unsigned char* Top, const unsigned char* Bottom, const uint16_t* wx, int wy,
+              unsigned char* d) const {
+    const ptrdiff_t n = ptrdiff_t(C) * DestWidth;
+    const ptrdiff_t block_end = ptrdiff_t(C) * (DestWidth / 8 * 8);
+    const __m128i wt = _mm_set1_epi16(static_cast<short>(256 - wy)), wb = _mm_set1_epi16(static_cast<short>(wy));
+    auto eight = [&](__m128i top, __m128i bottom) {
+      return _mm_adds_epu16(_mm_mulhrs_epi16(_mm_slli_epi16(top, 6), wt),
+                            _mm_mulhrs_epi16(_mm_slli_epi16(bottom, 6), wb));
+    };
+    ptrdiff_t i = 0;
+    if (C == 3) {
+      for (; i < block_end; i += 24) {
+        auto load3 = [&](const unsigned char* row, __m128i* v) {
+          for (int k = 0; k < 3; ++k) v[k] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(row + 2 * i + 16 * k));
+        };
+        __m128i t[3], b[3];
+        load3(Top, t);
+        load3(Bottom, b);
+        const __m128i s0 = eight(PairSums<3>(Top, i, 0, t), PairSums<3>(Bottom, i, 0, b));
+        const __m128i s1 = eight(PairSums<3>(Top, i, 1, t), PairSums<3>(Bottom, i, 1, b));
+        const __m128i s2 = eight(PairSums<3>(Top, i, 2, t), PairSums<3>(Bottom, i, 2, b));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(d + i), _mm_packus_epi16(s0, s1));
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(d + i + 16), _mm_packus_epi16(s2, s2));
+      }
+    } else {
+      for (; i + 16 <= block_end; i += 16) {
+        const __m128i lo = eight(PairSums<C>(Top, i, 0, nullptr), PairSums<C>(Bottom, i, 0, nullptr));
+        const __m128i hi = eight(PairSums<C>(Top, i + 8, 0, nullptr), PairSums<C>(Bottom, i + 8, 0, nullptr));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(d + i), _mm_packus_epi16(lo, hi));
+      }
+      for (; i < block_end; i += 8) {
+        const __m128i s = eight(PairSums<C>(Top, i, 0, nullptr), PairSums<C>(Bottom, i, 0, nullptr));
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(d + i), _mm_packus_epi16(s, s));
+      }
+    }
+    // The tail as Blend's: 32-bit sums, their byte stored as it is.
+    for (; i < n; ++i) {
+      const ptrdiff_t l = 2 * (i - i % C) + i % C;  // sample k of pixel 2x
+      const int w = wx[i];
+      const int top = Top[l] * (128 - w) + Top[l + C] * w;
+      const int bottom = Bottom[l] * (128 - w) + Bottom[l + C] * w;
+      d[i] = static_cast<unsigned char>(((top * (256 - wy) + 16384) >> 15) + ((bottom * wy + 16384) >> 15));
+    }
+  }
+  void Blend(const unsigned char* Top, const unsigned char* Bottom, const uint16_t* wx, int wy,
+             unsigned char* d) const {
+    if (Channel == 1)
+      BlendC<1>(Top, Bottom, wx, wy, d);
+    else if (Channel == 3)
+      BlendC<3>(Top, Bottom, wx, wy, d);
+    else
+      BlendC<4>(Top, Bottom, wx, wy, d);
+  }
+};
+
 int BilinearResample(const unsigned char* Src, unsigned char* Dest, int SrcWidth, int SrcHeight, int SrcStride,
                      int DestWidth, int DestHeight, int DestStride, int Channel) {
   // The weight table also holds the left pixel offsets.
@@ -216,24 +310,35 @@ int BilinearResample(const unsigned char* Src, unsigned char* Dest, int SrcWidth
   if (b.xFirst < 0) b.xFirst = DestWidth;
   if (b.xLast < b.xFirst) b.xLast = b.xFirst;
 
-  int64_t fetched = -100;
   int64_t py = py0;
-  for (int y = 0; y < DestHeight; ++y, py += sy) {
-    const int64_t iy = py >> 15;
-    if (iy != fetched) {
-      const unsigned char* s[2] = {Src + ptrdiff_t(Clamp(iy, 0, SrcHeight - 1)) * SrcStride,
-                                   Src + ptrdiff_t(Clamp(iy + 1, 0, SrcHeight - 1)) * SrcStride};
-      if (iy == fetched + 1) {
-        unsigned char* t = rows[0];
-        rows[0] = rows[1];
-        rows[1] = t;
-        b.Fetch<1>(s + 1, rows + 1);
-      } else {
-        b.Fetch<2>(s, rows);
-      }
-      fetched = iy;
+  if (SrcWidth == 2 * int64_t(DestWidth)) {
+    // Nothing to fetch: the blocks read the two source rows directly.
+    const Halving half(Channel, DestWidth);
+    for (int y = 0; y < DestHeight; ++y, py += sy) {
+      const int64_t iy = py >> 15;
+      half.Blend(Src + ptrdiff_t(Clamp(iy, 0, SrcHeight - 1)) * SrcStride,
+                 Src + ptrdiff_t(Clamp(iy + 1, 0, SrcHeight - 1)) * SrcStride, wx, static_cast<int>((py >> 7) & 255),
+                 Dest + ptrdiff_t(y) * DestStride);
     }
-    b.Blend(rows[0], rows[1], static_cast<int>((py >> 7) & 255), Dest + ptrdiff_t(y) * DestStride);
+  } else {
+    int64_t fetched = -100;
+    for (int y = 0; y < DestHeight; ++y, py += sy) {
+      const int64_t iy = py >> 15;
+      if (iy != fetched) {
+        const unsigned char* s[2] = {Src + ptrdiff_t(Clamp(iy, 0, SrcHeight - 1)) * SrcStride,
+                                     Src + ptrdiff_t(Clamp(iy + 1, 0, SrcHeight - 1)) * SrcStride};
+        if (iy == fetched + 1) {
+          unsigned char* t = rows[0];
+          rows[0] = rows[1];
+          rows[1] = t;
+          b.Fetch<1>(s + 1, rows + 1);
+        } else {
+          b.Fetch<2>(s, rows);
+        }
+        fetched = iy;
+      }
+      b.Blend(rows[0], rows[1], static_cast<int>((py >> 7) & 255), Dest + ptrdiff_t(y) * DestStride);
+    }
   }
   qv::AlignedFree(wx);
   qv::AlignedFree(rows[0]);
