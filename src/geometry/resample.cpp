@@ -82,6 +82,11 @@ struct Bilinear {
   ptrdiff_t Gap;
   const uint16_t* wx;
   const int32_t* off;  // byte offset of the left pixel, columns xFirst to xLast - 1
+  // One channel, per group of 8 columns from column 0: the byte offset of a
+  // 16-byte load that holds all 8 pairs (-1 where none does, or where the
+  // group is not all inside), and the shuffle that lines the pairs up.
+  const int32_t* base;
+  const __m128i* gather;
 
   static void Put4(unsigned char* p, uint32_t v) { std::memcpy(p, &v, 4); }
   static uint32_t Get4(const unsigned char* p) {
@@ -101,8 +106,20 @@ struct Bilinear {
       for (int x = 0; x < xFirst; ++x)
         for (int k = 0; k < C; ++k) left_of(Row[j], x)[k] = left_of(Row[j], x)[to_right + k] = s[j][k];
     // Inside, the right pixel follows the left one in the row. Three
-    // channels store 4 bytes a pixel, the fourth overwritten next.
-    for (int x = xFirst; x < xLast; ++x) {
+    // channels store 4 bytes a pixel, the fourth overwritten next. One
+    // channel gathers 8 columns by one shuffle where their pairs lie within
+    // 16 bytes (scales down to a half).
+    int x = xFirst;
+    if (C == 1) {
+      for (; x < xLast && (x % 8 != 0 || x + 8 > xLast || base[x / 8] < 0); ++x)
+        for (int j = 0; j < Rows; ++j) std::memcpy(Row[j] + 2 * x, s[j] + off[x], 2);
+      for (; x + 8 <= xLast && base[x / 8] >= 0; x += 8)
+        for (int j = 0; j < Rows; ++j)
+          _mm_store_si128(
+              reinterpret_cast<__m128i*>(Row[j] + 2 * x),
+              _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(s[j] + base[x / 8])), gather[x / 8]));
+    }
+    for (; x < xLast; ++x) {
       const ptrdiff_t o = off[x];
       for (int j = 0; j < Rows; ++j) {
         const unsigned char* p = s[j] + o;
@@ -278,10 +295,13 @@ struct Halving {
 
 int BilinearResample(const unsigned char* Src, unsigned char* Dest, int SrcWidth, int SrcHeight, int SrcStride,
                      int DestWidth, int DestHeight, int DestStride, int Channel) {
-  // The weight table also holds the left pixel offsets.
+  // The weight table also holds the left pixel offsets and the gathers of
+  // the groups of 8 columns.
   const size_t n = size_t(Channel) * DestWidth, gap = (n + 16) / 16 * 16;
   const size_t weights = (n * sizeof(uint16_t) + 15) / 16 * 16;
-  uint16_t* wx = static_cast<uint16_t*>(qv::AlignedMalloc(weights + size_t(DestWidth) * sizeof(int32_t), 16));
+  const size_t offsets = (size_t(DestWidth) * sizeof(int32_t) + 15) / 16 * 16, groups = size_t(DestWidth) / 8;
+  uint16_t* wx =
+      static_cast<uint16_t*>(qv::AlignedMalloc(weights + offsets + groups * (sizeof(__m128i) + sizeof(int32_t)), 16));
   unsigned char* rows[2] = {qv::AlignedArray<unsigned char>(2 * gap, 16), qv::AlignedArray<unsigned char>(2 * gap, 16)};
   if (wx == nullptr || rows[0] == nullptr || rows[1] == nullptr) {
     qv::AlignedFree(wx);
@@ -290,6 +310,8 @@ int BilinearResample(const unsigned char* Src, unsigned char* Dest, int SrcWidth
     return STATUS_OUT_OF_MEMORY;
   }
   int32_t* off = reinterpret_cast<int32_t*>(reinterpret_cast<unsigned char*>(wx) + weights);
+  __m128i* gather = reinterpret_cast<__m128i*>(reinterpret_cast<unsigned char*>(off) + offsets);
+  int32_t* base = reinterpret_cast<int32_t*>(gather + groups);
   Bilinear b;
   b.SrcWidth = SrcWidth, b.Channel = Channel, b.DestWidth = DestWidth, b.wx = wx, b.off = off;
   b.Gap = ptrdiff_t(gap);
@@ -309,6 +331,22 @@ int BilinearResample(const unsigned char* Src, unsigned char* Dest, int SrcWidth
   }
   if (b.xFirst < 0) b.xFirst = DestWidth;
   if (b.xLast < b.xFirst) b.xLast = b.xFirst;
+  // A group gathers by a shuffle if it lies between xFirst and xLast and its
+  // 16-byte load covers its pairs and stays inside the row.
+  for (size_t g = 0; g < groups; ++g) {
+    const int x0 = int(8 * g);
+    base[g] = -1;
+    if (Channel != 1 || x0 < b.xFirst || x0 + 8 > b.xLast || off[x0 + 7] - off[x0] > 14 || off[x0] + 16 > SrcWidth)
+      continue;
+    alignas(16) unsigned char m[16];
+    for (int i = 0; i < 8; ++i) {
+      m[2 * i] = static_cast<unsigned char>(off[x0 + i] - off[x0]);
+      m[2 * i + 1] = static_cast<unsigned char>(m[2 * i] + 1);
+    }
+    gather[g] = _mm_load_si128(reinterpret_cast<const __m128i*>(m));
+    base[g] = off[x0];
+  }
+  b.base = base, b.gather = gather;
 
   int64_t py = py0;
   if (SrcWidth == 2 * int64_t(DestWidth)) {

@@ -162,6 +162,25 @@ TEST(Resample, BilinearExactHalvingMatchesModel) {
         }
 }
 
+TEST(Resample, BilinearScalesAroundTheGathers) {
+  // Single-channel rows gather 8 columns by one shuffle where their pairs fit
+  // in 16 bytes: scales just under and over a half, and milder ones, over
+  // widths around the groups of 8; the other channel counts ride along.
+  for (int c : {1, 3, 4})
+    for (int dw : {8, 9, 15, 16, 17, 24, 31, 33, 47, 64, 65})
+      for (int sw : {2 * dw - 1, 2 * dw + 1, 3 * dw / 2, dw + 1, dw - 1, dw / 2 + 1, dw / 3 + 1}) {
+        const int sh = 1 + (sw + dw) % 5, dh = 1 + (3 * sw + dw) % 7, spad = sw > 3 ? sw % 3 : 0;
+        auto src = qvt::MakeNaturalImage(sw, sh, c, spad, sw * dw);
+        qvt::FillRandom(src.data);
+        auto dst = qvt::MakeImage(dw, dh, c, dw % 2);
+        const auto expect = BilinearModel(src, dst);
+        const std::string what =
+            "src " + qvt::ToString({sw, sh, c, spad}) + " dest " + qvt::ToString({dw, dh, c, dw % 2});
+        ASSERT_EQ(QV_Resample(src.ptr(), dst.ptr(), sw, sh, src.Stride, dw, dh, dst.Stride, 1), STATUS_OK) << what;
+        ASSERT_TRUE(qvt::SameBytes(expect, dst.data, dst.Stride)) << what;
+      }
+}
+
 TEST(Resample, BicubicKernelEntries) {
   // Truncation towards zero: the negative lobe is not rounded as the positive.
   EXPECT_EQ(Kernel(0), 256);
