@@ -82,13 +82,18 @@ struct Bilinear {
   ptrdiff_t Gap;
   const uint16_t* wx;
   const int32_t* off;  // byte offset of the left pixel, columns xFirst to xLast - 1
-  // One channel, per group of 8 columns from column 0: the byte offset of a
-  // 16-byte load that holds all 8 pairs (-1 where none does, or where the
-  // group is not all inside), and the shuffle that lines the pairs up.
+  // Per group of 8 columns (one channel) or 4 columns (three) from column 0:
+  // the byte offset of a 16-byte load that holds all the group's pixels (-1
+  // where none does, or where the group is not all inside), and the shuffles
+  // that line them up (the pairs; or the left pixels, then the right ones).
   const int32_t* base;
   const __m128i* gather;
 
   static void Put4(unsigned char* p, uint32_t v) { std::memcpy(p, &v, 4); }
+  static void Store12(unsigned char* p, __m128i v) {
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(p), v);
+    Put4(p + 8, static_cast<uint32_t>(_mm_extract_epi32(v, 2)));
+  }
   static uint32_t Get4(const unsigned char* p) {
     uint32_t v;
     std::memcpy(&v, p, 4);
@@ -106,9 +111,9 @@ struct Bilinear {
       for (int x = 0; x < xFirst; ++x)
         for (int k = 0; k < C; ++k) left_of(Row[j], x)[k] = left_of(Row[j], x)[to_right + k] = s[j][k];
     // Inside, the right pixel follows the left one in the row. Three
-    // channels store 4 bytes a pixel, the fourth overwritten next. One
-    // channel gathers 8 columns by one shuffle where their pairs lie within
-    // 16 bytes (scales down to a half).
+    // channels store 4 bytes a pixel, the fourth overwritten next. Where a
+    // group's pixels lie within 16 bytes of the row (one channel: down to a
+    // half; three: enlargements) the group is gathered by byte shuffles.
     int x = xFirst;
     if (C == 1) {
       for (; x < xLast && (x % 8 != 0 || x + 8 > xLast || base[x / 8] < 0); ++x)
@@ -118,6 +123,19 @@ struct Bilinear {
           _mm_store_si128(
               reinterpret_cast<__m128i*>(Row[j] + 2 * x),
               _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(s[j] + base[x / 8])), gather[x / 8]));
+    } else if (C == 3) {
+      // Stores of 8 + 4 bytes: 16 could run past the left half or the row.
+      for (; x < xLast && (x % 4 != 0 || x + 4 > xLast || base[x / 4] < 0); ++x)
+        for (int j = 0; j < Rows; ++j) {
+          std::memcpy(Row[j] + 3 * x, s[j] + off[x], 3);
+          std::memcpy(Row[j] + Gap + 3 * x, s[j] + off[x] + 3, 3);
+        }
+      for (; x + 4 <= xLast && base[x / 4] >= 0; x += 4)
+        for (int j = 0; j < Rows; ++j) {
+          const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s[j] + base[x / 4]));
+          Store12(Row[j] + 3 * x, _mm_shuffle_epi8(v, gather[2 * (x / 4)]));
+          Store12(Row[j] + Gap + 3 * x, _mm_shuffle_epi8(v, gather[2 * (x / 4) + 1]));
+        }
     }
     for (; x < xLast; ++x) {
       const ptrdiff_t o = off[x];
@@ -299,9 +317,11 @@ int BilinearResample(const unsigned char* Src, unsigned char* Dest, int SrcWidth
   // the groups of 8 columns.
   const size_t n = size_t(Channel) * DestWidth, gap = (n + 16) / 16 * 16;
   const size_t weights = (n * sizeof(uint16_t) + 15) / 16 * 16;
-  const size_t offsets = (size_t(DestWidth) * sizeof(int32_t) + 15) / 16 * 16, groups = size_t(DestWidth) / 8;
-  uint16_t* wx =
-      static_cast<uint16_t*>(qv::AlignedMalloc(weights + offsets + groups * (sizeof(__m128i) + sizeof(int32_t)), 16));
+  const size_t offsets = (size_t(DestWidth) * sizeof(int32_t) + 15) / 16 * 16;
+  const int group = Channel == 1 ? 8 : 4, shuffles = Channel == 1 ? 1 : 2;
+  const size_t groups = Channel == 4 ? 0 : size_t(DestWidth) / group;
+  uint16_t* wx = static_cast<uint16_t*>(
+      qv::AlignedMalloc(weights + offsets + groups * (shuffles * sizeof(__m128i) + sizeof(int32_t)), 16));
   unsigned char* rows[2] = {qv::AlignedArray<unsigned char>(2 * gap, 16), qv::AlignedArray<unsigned char>(2 * gap, 16)};
   if (wx == nullptr || rows[0] == nullptr || rows[1] == nullptr) {
     qv::AlignedFree(wx);
@@ -311,7 +331,7 @@ int BilinearResample(const unsigned char* Src, unsigned char* Dest, int SrcWidth
   }
   int32_t* off = reinterpret_cast<int32_t*>(reinterpret_cast<unsigned char*>(wx) + weights);
   __m128i* gather = reinterpret_cast<__m128i*>(reinterpret_cast<unsigned char*>(off) + offsets);
-  int32_t* base = reinterpret_cast<int32_t*>(gather + groups);
+  int32_t* base = reinterpret_cast<int32_t*>(gather + shuffles * groups);
   Bilinear b;
   b.SrcWidth = SrcWidth, b.Channel = Channel, b.DestWidth = DestWidth, b.wx = wx, b.off = off;
   b.Gap = ptrdiff_t(gap);
@@ -334,16 +354,25 @@ int BilinearResample(const unsigned char* Src, unsigned char* Dest, int SrcWidth
   // A group gathers by a shuffle if it lies between xFirst and xLast and its
   // 16-byte load covers its pairs and stays inside the row.
   for (size_t g = 0; g < groups; ++g) {
-    const int x0 = int(8 * g);
+    const int x0 = int(group * g), xl = x0 + group - 1;
     base[g] = -1;
-    if (Channel != 1 || x0 < b.xFirst || x0 + 8 > b.xLast || off[x0 + 7] - off[x0] > 14 || off[x0] + 16 > SrcWidth)
+    if (x0 < b.xFirst || xl >= b.xLast || off[xl] + 2 * Channel - off[x0] > 16 ||
+        off[x0] + 16 > int64_t(Channel) * SrcWidth)
       continue;
-    alignas(16) unsigned char m[16];
-    for (int i = 0; i < 8; ++i) {
-      m[2 * i] = static_cast<unsigned char>(off[x0 + i] - off[x0]);
-      m[2 * i + 1] = static_cast<unsigned char>(m[2 * i] + 1);
-    }
-    gather[g] = _mm_load_si128(reinterpret_cast<const __m128i*>(m));
+    alignas(16) unsigned char m[2][16] = {};
+    for (int i = 0; i < group; ++i)
+      for (int k = 0; k < Channel; ++k) {
+        const int at = off[x0 + i] - off[x0] + k;
+        if (Channel == 1) {
+          m[0][2 * i] = static_cast<unsigned char>(at);
+          m[0][2 * i + 1] = static_cast<unsigned char>(at + 1);
+        } else {
+          m[0][3 * i + k] = static_cast<unsigned char>(at);
+          m[1][3 * i + k] = static_cast<unsigned char>(at + 3);
+        }
+      }
+    for (int j = 0; j < shuffles; ++j)
+      gather[shuffles * g + j] = _mm_load_si128(reinterpret_cast<const __m128i*>(m[j]));
     base[g] = off[x0];
   }
   b.base = base, b.gather = gather;
