@@ -166,6 +166,24 @@ struct Bilinear {
       FetchC<3, Rows>(s, Row);
     else
       FetchC<4, Rows>(s, Row);
+    for (int j = 0; j < Rows; ++j) Weigh(Row[j]);
+  }
+
+  // One and four channels: the block part of a fetched row is turned in
+  // place from pairs into the 16-bit left * (128 - wx) + right * wx of each
+  // sample (a pair and its sum take the same two bytes), once for all the
+  // destination rows that use it. The tail's columns stay pairs.
+  void Weigh(unsigned char* Row) const {
+    if (Channel == 3) return;
+    const ptrdiff_t block_end = ptrdiff_t(Channel) * (DestWidth / 8 * 8);
+    const __m128i w128 = _mm_set1_epi16(128);
+    for (ptrdiff_t i = 0; i < block_end; i += 8) {
+      const __m128i w = _mm_loadu_si128(reinterpret_cast<const __m128i*>(wx + i));
+      __m128i l, r;
+      Pairs(Row, i, l, r);
+      _mm_store_si128(reinterpret_cast<__m128i*>(Row + 2 * i),
+                      _mm_add_epi16(_mm_mullo_epi16(l, _mm_sub_epi16(w128, w)), _mm_mullo_epi16(r, w)));
+    }
   }
 
   // The left and right samples of 8 samples from a fetched row.
@@ -198,13 +216,19 @@ struct Bilinear {
     const __m128i w128 = _mm_set1_epi16(128);
     ptrdiff_t i = 0;
     for (; i < block_end; i += 8) {
-      const __m128i w = _mm_loadu_si128(reinterpret_cast<const __m128i*>(wx + i));
-      const __m128i iw = _mm_sub_epi16(w128, w);
-      __m128i tl, tr, bl, br;
-      Pairs(Top, i, tl, tr);
-      Pairs(Bottom, i, bl, br);
-      const __m128i top = _mm_add_epi16(_mm_mullo_epi16(tl, iw), _mm_mullo_epi16(tr, w));
-      const __m128i bottom = _mm_add_epi16(_mm_mullo_epi16(bl, iw), _mm_mullo_epi16(br, w));
+      __m128i top, bottom;
+      if (Channel == 3) {
+        const __m128i w = _mm_loadu_si128(reinterpret_cast<const __m128i*>(wx + i));
+        const __m128i iw = _mm_sub_epi16(w128, w);
+        __m128i tl, tr, bl, br;
+        Pairs(Top, i, tl, tr);
+        Pairs(Bottom, i, bl, br);
+        top = _mm_add_epi16(_mm_mullo_epi16(tl, iw), _mm_mullo_epi16(tr, w));
+        bottom = _mm_add_epi16(_mm_mullo_epi16(bl, iw), _mm_mullo_epi16(br, w));
+      } else {  // weighed at fetch time
+        top = _mm_load_si128(reinterpret_cast<const __m128i*>(Top + 2 * i));
+        bottom = _mm_load_si128(reinterpret_cast<const __m128i*>(Bottom + 2 * i));
+      }
       const __m128i sum = _mm_adds_epu16(_mm_mulhrs_epi16(top, wt), _mm_mulhrs_epi16(bottom, wb));
       _mm_storel_epi64(reinterpret_cast<__m128i*>(d + i), _mm_packus_epi16(sum, sum));
     }
