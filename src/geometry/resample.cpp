@@ -338,7 +338,7 @@ struct Halving {
 int BilinearResample(const unsigned char* Src, unsigned char* Dest, int SrcWidth, int SrcHeight, int SrcStride,
                      int DestWidth, int DestHeight, int DestStride, int Channel) {
   // The weight table also holds the left pixel offsets and the gathers of
-  // the groups of 8 columns.
+  // the column groups (none for four channels).
   const size_t n = size_t(Channel) * DestWidth, gap = (n + 16) / 16 * 16;
   const size_t weights = (n * sizeof(uint16_t) + 15) / 16 * 16;
   const size_t offsets = (size_t(DestWidth) * sizeof(int32_t) + 15) / 16 * 16;
