@@ -120,6 +120,7 @@ void Sizes(benchmark::internal::Benchmark* b) {
 void ResampleSizes(benchmark::internal::Benchmark* b) {
   for (int c : {1, 3, 4})
     for (int m : {0, 1, 2}) b->Args({1920, 1080, c, m});
+  for (int c : {1, 3, 4}) b->Args({3840, 2160, c, 1});  // bilinear at 4K too
   b->ArgNames({"w", "h", "c", "r"});
 }
 

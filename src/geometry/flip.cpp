@@ -1,72 +1,12 @@
 // Mirror images: left-right (pixel order of each row reversed, padding left
 // alone) and top-bottom (whole strides moved, padding included).
-#include <tmmintrin.h>
-
 #include <cstddef>
 #include <cstring>
 
 #include "frame/frame.h"
-
-namespace {
+#include "geometry/reverse.h"
 
 using std::ptrdiff_t;
-
-inline __m128i Load(const unsigned char* p) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p)); }
-inline void Store(unsigned char* p, __m128i v) { _mm_storeu_si128(reinterpret_cast<__m128i*>(p), v); }
-
-// Dest pixel x = Src pixel Width - 1 - x, Src and Dest apart. One and four
-// channels reverse 16 bytes a vector, and the last vector overlaps the one
-// before it instead of a pixel-wise tail.
-template <int C>
-void FlipRow(const unsigned char* Src, unsigned char* Dest, int Width) {
-  const int m = C * Width;
-  const __m128i rev = C == 1 ? _mm_setr_epi8(15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0)
-                             : _mm_setr_epi8(12, 13, 14, 15, 8, 9, 10, 11, 4, 5, 6, 7, 0, 1, 2, 3);
-  if (m < 16) {
-    for (int x = 0; x < Width; ++x)
-      for (int c = 0; c < C; ++c) Dest[x * C + c] = Src[(Width - 1 - x) * C + c];
-    return;
-  }
-  int x = 0;
-  for (; x + 64 <= m; x += 64) {
-    const unsigned char* s = Src + m - x - 64;
-    const __m128i a = Load(s + 48), b = Load(s + 32), c = Load(s + 16), d = Load(s);
-    Store(Dest + x, _mm_shuffle_epi8(a, rev));
-    Store(Dest + x + 16, _mm_shuffle_epi8(b, rev));
-    Store(Dest + x + 32, _mm_shuffle_epi8(c, rev));
-    Store(Dest + x + 48, _mm_shuffle_epi8(d, rev));
-  }
-  for (; x + 16 <= m; x += 16) Store(Dest + x, _mm_shuffle_epi8(Load(Src + m - x - 16), rev));
-  if (x < m) Store(Dest + m - 16, _mm_shuffle_epi8(Load(Src), rev));
-}
-
-// Three channels: five pixels (15 bytes) a step, loaded from one byte before
-// them so that the load stays in the row, and stored as 16 bytes whose last
-// byte the next step overwrites. The last pixels go one at a time.
-template <>
-void FlipRow<3>(const unsigned char* Src, unsigned char* Dest, int Width) {
-  const __m128i rev = _mm_setr_epi8(13, 14, 15, 10, 11, 12, 7, 8, 9, 4, 5, 6, 1, 2, 3, 0);
-  int x = 0;
-  // Source bytes from 3 * (Width - 5 - x) - 1 on; the store ends at 3 * x + 16.
-  for (; x + 15 <= Width - 6; x += 20) {
-    const unsigned char* s = Src + 3 * (Width - 20 - x) - 1;
-    unsigned char* d = Dest + 3 * x;
-    const __m128i a = Load(s + 45), b = Load(s + 30), c = Load(s + 15), e = Load(s);
-    Store(d, _mm_shuffle_epi8(a, rev));
-    Store(d + 15, _mm_shuffle_epi8(b, rev));
-    Store(d + 30, _mm_shuffle_epi8(c, rev));
-    Store(d + 45, _mm_shuffle_epi8(e, rev));
-  }
-  for (; x <= Width - 6; x += 5) Store(Dest + 3 * x, _mm_shuffle_epi8(Load(Src + 3 * (Width - 5 - x) - 1), rev));
-  for (; x < Width; ++x) {
-    const unsigned char* s = Src + 3 * (Width - 1 - x);
-    Dest[3 * x] = s[0];
-    Dest[3 * x + 1] = s[1];
-    Dest[3 * x + 2] = s[2];
-  }
-}
-
-}  // namespace
 
 extern "C" QV_API int QV_FlipLeftRight(const unsigned char* Src, unsigned char* Dest, int Width, int Height,
                                        int Stride) {
@@ -90,11 +30,11 @@ extern "C" QV_API int QV_FlipLeftRight(const unsigned char* Src, unsigned char* 
       s = copy;
     }
     if (Channel == 1)
-      FlipRow<1>(s, d, Width);
+      qv::FlipRow<1>(s, d, Width);
     else if (Channel == 3)
-      FlipRow<3>(s, d, Width);
+      qv::FlipRow<3>(s, d, Width);
     else
-      FlipRow<4>(s, d, Width);
+      qv::FlipRow<4>(s, d, Width);
   }
   qv::Free(copy);
   return STATUS_OK;

@@ -82,8 +82,18 @@ struct Bilinear {
   ptrdiff_t Gap;
   const uint16_t* wx;
   const int32_t* off;  // byte offset of the left pixel, columns xFirst to xLast - 1
+  // Per group of 8 columns (one channel) or 4 columns (three) from column 0:
+  // the byte offset of a 16-byte load that holds all the group's pixels (-1
+  // where none does, or where the group is not all inside), and the shuffles
+  // that line them up (the pairs; or the left pixels, then the right ones).
+  const int32_t* base;
+  const __m128i* gather;
 
   static void Put4(unsigned char* p, uint32_t v) { std::memcpy(p, &v, 4); }
+  static void Store12(unsigned char* p, __m128i v) {
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(p), v);
+    Put4(p + 8, static_cast<uint32_t>(_mm_extract_epi32(v, 2)));
+  }
   static uint32_t Get4(const unsigned char* p) {
     uint32_t v;
     std::memcpy(&v, p, 4);
@@ -101,8 +111,33 @@ struct Bilinear {
       for (int x = 0; x < xFirst; ++x)
         for (int k = 0; k < C; ++k) left_of(Row[j], x)[k] = left_of(Row[j], x)[to_right + k] = s[j][k];
     // Inside, the right pixel follows the left one in the row. Three
-    // channels store 4 bytes a pixel, the fourth overwritten next.
-    for (int x = xFirst; x < xLast; ++x) {
+    // channels store 4 bytes a pixel, the fourth overwritten next. Where a
+    // group's pixels lie within 16 bytes of the row (one channel: down to a
+    // half; three: enlargements) the group is gathered by byte shuffles.
+    int x = xFirst;
+    if (C == 1) {
+      for (; x < xLast && (x % 8 != 0 || x + 8 > xLast || base[x / 8] < 0); ++x)
+        for (int j = 0; j < Rows; ++j) std::memcpy(Row[j] + 2 * x, s[j] + off[x], 2);
+      for (; x + 8 <= xLast && base[x / 8] >= 0; x += 8)
+        for (int j = 0; j < Rows; ++j)
+          _mm_store_si128(
+              reinterpret_cast<__m128i*>(Row[j] + 2 * x),
+              _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(s[j] + base[x / 8])), gather[x / 8]));
+    } else if (C == 3) {
+      // Stores of 8 + 4 bytes: 16 could run past the left half or the row.
+      for (; x < xLast && (x % 4 != 0 || x + 4 > xLast || base[x / 4] < 0); ++x)
+        for (int j = 0; j < Rows; ++j) {
+          std::memcpy(Row[j] + 3 * x, s[j] + off[x], 3);
+          std::memcpy(Row[j] + Gap + 3 * x, s[j] + off[x] + 3, 3);
+        }
+      for (; x + 4 <= xLast && base[x / 4] >= 0; x += 4)
+        for (int j = 0; j < Rows; ++j) {
+          const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s[j] + base[x / 4]));
+          Store12(Row[j] + 3 * x, _mm_shuffle_epi8(v, gather[2 * (x / 4)]));
+          Store12(Row[j] + Gap + 3 * x, _mm_shuffle_epi8(v, gather[2 * (x / 4) + 1]));
+        }
+    }
+    for (; x < xLast; ++x) {
       const ptrdiff_t o = off[x];
       for (int j = 0; j < Rows; ++j) {
         const unsigned char* p = s[j] + o;
@@ -131,6 +166,24 @@ struct Bilinear {
       FetchC<3, Rows>(s, Row);
     else
       FetchC<4, Rows>(s, Row);
+    for (int j = 0; j < Rows; ++j) Weigh(Row[j]);
+  }
+
+  // One and four channels: the block part of a fetched row is turned in
+  // place from pairs into the 16-bit left * (128 - wx) + right * wx of each
+  // sample (a pair and its sum take the same two bytes), once for all the
+  // destination rows that use it. The tail's columns stay pairs.
+  void Weigh(unsigned char* Row) const {
+    if (Channel == 3) return;
+    const ptrdiff_t block_end = ptrdiff_t(Channel) * (DestWidth / 8 * 8);
+    const __m128i w128 = _mm_set1_epi16(128);
+    for (ptrdiff_t i = 0; i < block_end; i += 8) {
+      const __m128i w = _mm_loadu_si128(reinterpret_cast<const __m128i*>(wx + i));
+      __m128i l, r;
+      Pairs(Row, i, l, r);
+      _mm_store_si128(reinterpret_cast<__m128i*>(Row + 2 * i),
+                      _mm_add_epi16(_mm_mullo_epi16(l, _mm_sub_epi16(w128, w)), _mm_mullo_epi16(r, w)));
+    }
   }
 
   // The left and right samples of 8 samples from a fetched row.
@@ -163,13 +216,19 @@ struct Bilinear {
     const __m128i w128 = _mm_set1_epi16(128);
     ptrdiff_t i = 0;
     for (; i < block_end; i += 8) {
-      const __m128i w = _mm_loadu_si128(reinterpret_cast<const __m128i*>(wx + i));
-      const __m128i iw = _mm_sub_epi16(w128, w);
-      __m128i tl, tr, bl, br;
-      Pairs(Top, i, tl, tr);
-      Pairs(Bottom, i, bl, br);
-      const __m128i top = _mm_add_epi16(_mm_mullo_epi16(tl, iw), _mm_mullo_epi16(tr, w));
-      const __m128i bottom = _mm_add_epi16(_mm_mullo_epi16(bl, iw), _mm_mullo_epi16(br, w));
+      __m128i top, bottom;
+      if (Channel == 3) {
+        const __m128i w = _mm_loadu_si128(reinterpret_cast<const __m128i*>(wx + i));
+        const __m128i iw = _mm_sub_epi16(w128, w);
+        __m128i tl, tr, bl, br;
+        Pairs(Top, i, tl, tr);
+        Pairs(Bottom, i, bl, br);
+        top = _mm_add_epi16(_mm_mullo_epi16(tl, iw), _mm_mullo_epi16(tr, w));
+        bottom = _mm_add_epi16(_mm_mullo_epi16(bl, iw), _mm_mullo_epi16(br, w));
+      } else {  // weighed at fetch time
+        top = _mm_load_si128(reinterpret_cast<const __m128i*>(Top + 2 * i));
+        bottom = _mm_load_si128(reinterpret_cast<const __m128i*>(Bottom + 2 * i));
+      }
       const __m128i sum = _mm_adds_epu16(_mm_mulhrs_epi16(top, wt), _mm_mulhrs_epi16(bottom, wb));
       _mm_storel_epi64(reinterpret_cast<__m128i*>(d + i), _mm_packus_epi16(sum, sum));
     }
@@ -182,12 +241,111 @@ struct Bilinear {
   }
 };
 
+// Bilinear with SrcWidth exactly 2 * DestWidth: then sx is 65536 and px0
+// 16384, so column x always blends source pixels 2x and 2x + 1 with wx 64,
+// and every column lies between xFirst (0) and xLast (DestWidth). top is
+// then 64 * (left + right), which the block forms from one pairwise byte sum
+// straight from the source rows; the rest is Blend's arithmetic to the bit.
+struct Halving {
+  int Channel, DestWidth;
+  __m128i pick[3][3];  // three channels: [output vector][source vector]
+
+  explicit Halving(int C, int W) : Channel(C), DestWidth(W) {
+    // Output sample j of an 8-pixel block pairs source bytes 6 * (j / 3) +
+    // j % 3 and the one 3 bytes on, as bytes 2i and 2i + 1 of vector j / 8.
+    for (int g = 0; g < 3; ++g) {
+      alignas(16) signed char m[3][16];
+      for (int b = 0; b < 16; ++b) {
+        const int j = 8 * g + b / 2, at = 6 * (j / 3) + j % 3 + (b & 1) * 3;
+        for (int v = 0; v < 3; ++v) m[v][b] = static_cast<signed char>(at / 16 == v ? at % 16 : -1);
+      }
+      for (int v = 0; v < 3; ++v) pick[g][v] = _mm_load_si128(reinterpret_cast<const __m128i*>(m[v]));
+    }
+  }
+
+  // Left + right of the 8 samples from i on (i a multiple of 8 * Channel for
+  // three channels, of 8 otherwise), in 16-bit lanes.
+  template <int C>
+  __m128i PairSums(const unsigned char* Row, ptrdiff_t i, int g, const __m128i* v) const {
+    const __m128i ones = _mm_set1_epi8(1);
+    if (C == 1) return _mm_maddubs_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(Row + 2 * i)), ones);
+    if (C == 4) {
+      const __m128i pair = _mm_setr_epi8(0, 4, 1, 5, 2, 6, 3, 7, 8, 12, 9, 13, 10, 14, 11, 15);
+      const __m128i p = _mm_loadu_si128(reinterpret_cast<const __m128i*>(Row + 2 * i));
+      return _mm_maddubs_epi16(_mm_shuffle_epi8(p, pair), ones);
+    }
+    const __m128i p = _mm_or_si128(_mm_or_si128(_mm_shuffle_epi8(v[0], pick[g][0]), _mm_shuffle_epi8(v[1], pick[g][1])),
+                                   _mm_shuffle_epi8(v[2], pick[g][2]));
+    return _mm_maddubs_epi16(p, ones);
+  }
+
+  template <int C>
+  void BlendC(const unsigned char* Top, const unsigned char* Bottom, const uint16_t* wx, int wy,
+              unsigned char* d) const {
+    const ptrdiff_t n = ptrdiff_t(C) * DestWidth;
+    const ptrdiff_t block_end = ptrdiff_t(C) * (DestWidth / 8 * 8);
+    const __m128i wt = _mm_set1_epi16(static_cast<short>(256 - wy)), wb = _mm_set1_epi16(static_cast<short>(wy));
+    auto eight = [&](__m128i top, __m128i bottom) {
+      return _mm_adds_epu16(_mm_mulhrs_epi16(_mm_slli_epi16(top, 6), wt),
+                            _mm_mulhrs_epi16(_mm_slli_epi16(bottom, 6), wb));
+    };
+    ptrdiff_t i = 0;
+    if (C == 3) {
+      for (; i < block_end; i += 24) {
+        auto load3 = [&](const unsigned char* row, __m128i* v) {
+          for (int k = 0; k < 3; ++k) v[k] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(row + 2 * i + 16 * k));
+        };
+        __m128i t[3], b[3];
+        load3(Top, t);
+        load3(Bottom, b);
+        const __m128i s0 = eight(PairSums<3>(Top, i, 0, t), PairSums<3>(Bottom, i, 0, b));
+        const __m128i s1 = eight(PairSums<3>(Top, i, 1, t), PairSums<3>(Bottom, i, 1, b));
+        const __m128i s2 = eight(PairSums<3>(Top, i, 2, t), PairSums<3>(Bottom, i, 2, b));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(d + i), _mm_packus_epi16(s0, s1));
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(d + i + 16), _mm_packus_epi16(s2, s2));
+      }
+    } else {
+      for (; i + 16 <= block_end; i += 16) {
+        const __m128i lo = eight(PairSums<C>(Top, i, 0, nullptr), PairSums<C>(Bottom, i, 0, nullptr));
+        const __m128i hi = eight(PairSums<C>(Top, i + 8, 0, nullptr), PairSums<C>(Bottom, i + 8, 0, nullptr));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(d + i), _mm_packus_epi16(lo, hi));
+      }
+      for (; i < block_end; i += 8) {
+        const __m128i s = eight(PairSums<C>(Top, i, 0, nullptr), PairSums<C>(Bottom, i, 0, nullptr));
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(d + i), _mm_packus_epi16(s, s));
+      }
+    }
+    // The tail as Blend's: 32-bit sums, their byte stored as it is.
+    for (; i < n; ++i) {
+      const ptrdiff_t l = 2 * (i - i % C) + i % C;  // sample k of pixel 2x
+      const int w = wx[i];
+      const int top = Top[l] * (128 - w) + Top[l + C] * w;
+      const int bottom = Bottom[l] * (128 - w) + Bottom[l + C] * w;
+      d[i] = static_cast<unsigned char>(((top * (256 - wy) + 16384) >> 15) + ((bottom * wy + 16384) >> 15));
+    }
+  }
+  void Blend(const unsigned char* Top, const unsigned char* Bottom, const uint16_t* wx, int wy,
+             unsigned char* d) const {
+    if (Channel == 1)
+      BlendC<1>(Top, Bottom, wx, wy, d);
+    else if (Channel == 3)
+      BlendC<3>(Top, Bottom, wx, wy, d);
+    else
+      BlendC<4>(Top, Bottom, wx, wy, d);
+  }
+};
+
 int BilinearResample(const unsigned char* Src, unsigned char* Dest, int SrcWidth, int SrcHeight, int SrcStride,
                      int DestWidth, int DestHeight, int DestStride, int Channel) {
-  // The weight table also holds the left pixel offsets.
+  // The weight table also holds the left pixel offsets and the gathers of
+  // the column groups (none for four channels).
   const size_t n = size_t(Channel) * DestWidth, gap = (n + 16) / 16 * 16;
   const size_t weights = (n * sizeof(uint16_t) + 15) / 16 * 16;
-  uint16_t* wx = static_cast<uint16_t*>(qv::AlignedMalloc(weights + size_t(DestWidth) * sizeof(int32_t), 16));
+  const size_t offsets = (size_t(DestWidth) * sizeof(int32_t) + 15) / 16 * 16;
+  const int group = Channel == 1 ? 8 : 4, shuffles = Channel == 1 ? 1 : 2;
+  const size_t groups = Channel == 4 ? 0 : size_t(DestWidth) / group;
+  uint16_t* wx = static_cast<uint16_t*>(
+      qv::AlignedMalloc(weights + offsets + groups * (shuffles * sizeof(__m128i) + sizeof(int32_t)), 16));
   unsigned char* rows[2] = {qv::AlignedArray<unsigned char>(2 * gap, 16), qv::AlignedArray<unsigned char>(2 * gap, 16)};
   if (wx == nullptr || rows[0] == nullptr || rows[1] == nullptr) {
     qv::AlignedFree(wx);
@@ -196,6 +354,8 @@ int BilinearResample(const unsigned char* Src, unsigned char* Dest, int SrcWidth
     return STATUS_OUT_OF_MEMORY;
   }
   int32_t* off = reinterpret_cast<int32_t*>(reinterpret_cast<unsigned char*>(wx) + weights);
+  __m128i* gather = reinterpret_cast<__m128i*>(reinterpret_cast<unsigned char*>(off) + offsets);
+  int32_t* base = reinterpret_cast<int32_t*>(gather + shuffles * groups);
   Bilinear b;
   b.SrcWidth = SrcWidth, b.Channel = Channel, b.DestWidth = DestWidth, b.wx = wx, b.off = off;
   b.Gap = ptrdiff_t(gap);
@@ -215,25 +375,61 @@ int BilinearResample(const unsigned char* Src, unsigned char* Dest, int SrcWidth
   }
   if (b.xFirst < 0) b.xFirst = DestWidth;
   if (b.xLast < b.xFirst) b.xLast = b.xFirst;
-
-  int64_t fetched = -100;
-  int64_t py = py0;
-  for (int y = 0; y < DestHeight; ++y, py += sy) {
-    const int64_t iy = py >> 15;
-    if (iy != fetched) {
-      const unsigned char* s[2] = {Src + ptrdiff_t(Clamp(iy, 0, SrcHeight - 1)) * SrcStride,
-                                   Src + ptrdiff_t(Clamp(iy + 1, 0, SrcHeight - 1)) * SrcStride};
-      if (iy == fetched + 1) {
-        unsigned char* t = rows[0];
-        rows[0] = rows[1];
-        rows[1] = t;
-        b.Fetch<1>(s + 1, rows + 1);
-      } else {
-        b.Fetch<2>(s, rows);
+  // A group gathers by a shuffle if it lies between xFirst and xLast and its
+  // 16-byte load covers its pairs and stays inside the row.
+  for (size_t g = 0; g < groups; ++g) {
+    const int x0 = int(group * g), xl = x0 + group - 1;
+    base[g] = -1;
+    if (x0 < b.xFirst || xl >= b.xLast || off[xl] + 2 * Channel - off[x0] > 16 ||
+        off[x0] + 16 > int64_t(Channel) * SrcWidth)
+      continue;
+    alignas(16) unsigned char m[2][16] = {};
+    for (int i = 0; i < group; ++i)
+      for (int k = 0; k < Channel; ++k) {
+        const int at = off[x0 + i] - off[x0] + k;
+        if (Channel == 1) {
+          m[0][2 * i] = static_cast<unsigned char>(at);
+          m[0][2 * i + 1] = static_cast<unsigned char>(at + 1);
+        } else {
+          m[0][3 * i + k] = static_cast<unsigned char>(at);
+          m[1][3 * i + k] = static_cast<unsigned char>(at + 3);
+        }
       }
-      fetched = iy;
+    for (int j = 0; j < shuffles; ++j)
+      gather[shuffles * g + j] = _mm_load_si128(reinterpret_cast<const __m128i*>(m[j]));
+    base[g] = off[x0];
+  }
+  b.base = base, b.gather = gather;
+
+  int64_t py = py0;
+  if (SrcWidth == 2 * int64_t(DestWidth)) {
+    // Nothing to fetch: the blocks read the two source rows directly.
+    const Halving half(Channel, DestWidth);
+    for (int y = 0; y < DestHeight; ++y, py += sy) {
+      const int64_t iy = py >> 15;
+      half.Blend(Src + ptrdiff_t(Clamp(iy, 0, SrcHeight - 1)) * SrcStride,
+                 Src + ptrdiff_t(Clamp(iy + 1, 0, SrcHeight - 1)) * SrcStride, wx, static_cast<int>((py >> 7) & 255),
+                 Dest + ptrdiff_t(y) * DestStride);
     }
-    b.Blend(rows[0], rows[1], static_cast<int>((py >> 7) & 255), Dest + ptrdiff_t(y) * DestStride);
+  } else {
+    int64_t fetched = -100;
+    for (int y = 0; y < DestHeight; ++y, py += sy) {
+      const int64_t iy = py >> 15;
+      if (iy != fetched) {
+        const unsigned char* s[2] = {Src + ptrdiff_t(Clamp(iy, 0, SrcHeight - 1)) * SrcStride,
+                                     Src + ptrdiff_t(Clamp(iy + 1, 0, SrcHeight - 1)) * SrcStride};
+        if (iy == fetched + 1) {
+          unsigned char* t = rows[0];
+          rows[0] = rows[1];
+          rows[1] = t;
+          b.Fetch<1>(s + 1, rows + 1);
+        } else {
+          b.Fetch<2>(s, rows);
+        }
+        fetched = iy;
+      }
+      b.Blend(rows[0], rows[1], static_cast<int>((py >> 7) & 255), Dest + ptrdiff_t(y) * DestStride);
+    }
   }
   qv::AlignedFree(wx);
   qv::AlignedFree(rows[0]);

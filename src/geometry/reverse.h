@@ -1,6 +1,6 @@
-// Pixel-order reversal of a row in vector blocks (16 pixels of 1 or 3 bytes,
-// 4 pixels of 4 bytes) with a pixel-wise remainder; used by the horizontal
-// flip and the half-turn.
+// Pixel-order reversal of rows: FlipRow (Src and Dest apart, used by the
+// horizontal flip and the out-of-place half-turn) and the fixed blocks of the
+// in-place half-turn (16 pixels of 1 or 3 bytes, 4 pixels of 4 bytes).
 #pragma once
 
 #include <tmmintrin.h>
@@ -55,18 +55,62 @@ static inline void StoreBlock(unsigned char* Row, int First, int Channel, const 
   for (int j = 0; j < vectors; ++j) _mm_storeu_si128(reinterpret_cast<__m128i*>(p + 16 * j), In[j]);
 }
 
-// Dest pixel x = Src pixel Width - 1 - x; Src and Dest must not overlap.
-static inline void ReverseRow(const unsigned char* Src, unsigned char* Dest, int Width, int Channel,
-                              const ReverseMasks& M) {
-  const int block = ReverseBlock(Channel);
-  const int end = Width / block * block;
-  __m128i v[3];
-  for (int x = 0; x < end; x += block) {
-    LoadReversed(Src, Width - x - block, Channel, M, v);
-    StoreBlock(Dest, x, Channel, v);
+static inline __m128i ReverseLoad(const unsigned char* p) {
+  return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+}
+static inline void ReverseStore(unsigned char* p, __m128i v) { _mm_storeu_si128(reinterpret_cast<__m128i*>(p), v); }
+
+// Dest pixel x = Src pixel Width - 1 - x, Src and Dest apart. One and four
+// channels reverse 16 bytes a vector, and the last vector overlaps the one
+// before it instead of a pixel-wise tail.
+template <int C>
+inline void FlipRow(const unsigned char* Src, unsigned char* Dest, int Width) {
+  const int m = C * Width;
+  const __m128i rev = C == 1 ? _mm_setr_epi8(15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0)
+                             : _mm_setr_epi8(12, 13, 14, 15, 8, 9, 10, 11, 4, 5, 6, 7, 0, 1, 2, 3);
+  if (m < 16) {
+    for (int x = 0; x < Width; ++x)
+      for (int c = 0; c < C; ++c) Dest[x * C + c] = Src[(Width - 1 - x) * C + c];
+    return;
   }
-  for (int x = end; x < Width; ++x)
-    for (int c = 0; c < Channel; ++c) Dest[x * Channel + c] = Src[(Width - 1 - x) * Channel + c];
+  int x = 0;
+  for (; x + 64 <= m; x += 64) {
+    const unsigned char* s = Src + m - x - 64;
+    const __m128i a = ReverseLoad(s + 48), b = ReverseLoad(s + 32), c = ReverseLoad(s + 16), d = ReverseLoad(s);
+    ReverseStore(Dest + x, _mm_shuffle_epi8(a, rev));
+    ReverseStore(Dest + x + 16, _mm_shuffle_epi8(b, rev));
+    ReverseStore(Dest + x + 32, _mm_shuffle_epi8(c, rev));
+    ReverseStore(Dest + x + 48, _mm_shuffle_epi8(d, rev));
+  }
+  for (; x + 16 <= m; x += 16) ReverseStore(Dest + x, _mm_shuffle_epi8(ReverseLoad(Src + m - x - 16), rev));
+  if (x < m) ReverseStore(Dest + m - 16, _mm_shuffle_epi8(ReverseLoad(Src), rev));
+}
+
+// Three channels: five pixels (15 bytes) a step, loaded from one byte before
+// them so that the load stays in the row, and stored as 16 bytes whose last
+// byte the next step overwrites. The last pixels go one at a time.
+template <>
+inline void FlipRow<3>(const unsigned char* Src, unsigned char* Dest, int Width) {
+  const __m128i rev = _mm_setr_epi8(13, 14, 15, 10, 11, 12, 7, 8, 9, 4, 5, 6, 1, 2, 3, 0);
+  int x = 0;
+  // Source bytes from 3 * (Width - 5 - x) - 1 on; the store ends at 3 * x + 16.
+  for (; x + 15 <= Width - 6; x += 20) {
+    const unsigned char* s = Src + 3 * (Width - 20 - x) - 1;
+    unsigned char* d = Dest + 3 * x;
+    const __m128i a = ReverseLoad(s + 45), b = ReverseLoad(s + 30), c = ReverseLoad(s + 15), e = ReverseLoad(s);
+    ReverseStore(d, _mm_shuffle_epi8(a, rev));
+    ReverseStore(d + 15, _mm_shuffle_epi8(b, rev));
+    ReverseStore(d + 30, _mm_shuffle_epi8(c, rev));
+    ReverseStore(d + 45, _mm_shuffle_epi8(e, rev));
+  }
+  for (; x <= Width - 6; x += 5)
+    ReverseStore(Dest + 3 * x, _mm_shuffle_epi8(ReverseLoad(Src + 3 * (Width - 5 - x) - 1), rev));
+  for (; x < Width; ++x) {
+    const unsigned char* s = Src + 3 * (Width - 1 - x);
+    Dest[3 * x] = s[0];
+    Dest[3 * x + 1] = s[1];
+    Dest[3 * x + 2] = s[2];
+  }
 }
 
 }  // namespace qv

@@ -71,10 +71,10 @@ extern "C" QV_API int QV_Rotate90(const unsigned char* Src, unsigned char* Dest,
     // to tile by the strides; the strips step source rows by 4 * SrcWidth.
     const int sp = 4 * SrcWidth, dp = 4 * DestWidth;
     const int tw = w / 4, th = h / 4;
-    for (int ty = 0; ty < th; ++ty)
-      for (int tx = 0; tx < tw; ++tx)
-        qv::Transpose4Tile(Src + ptrdiff_t(w - 4 - 4 * tx) * SrcStride + ptrdiff_t(3) * sp + 16 * ty, -sp,
-                           Dest + ptrdiff_t(4 * ty) * DestStride + 16 * tx, dp);
+    qv::ForTileGroups<4>(tw, th, [&](int tx, int ty) {
+      qv::Transpose4Tile(Src + ptrdiff_t(w - 4 - 4 * tx) * SrcStride + ptrdiff_t(3) * sp + 16 * ty, -sp,
+                         Dest + ptrdiff_t(4 * ty) * DestStride + 16 * tx, dp);
+    });
     Strips(w, h, tw * 4, th * 4, [&](int r, int c) {
       CopyPixel(Src + ptrdiff_t(w - 1 - c) * sp + 4 * r, Dest + ptrdiff_t(r) * DestStride + 4 * c, 4);
     });
@@ -121,10 +121,10 @@ extern "C" QV_API int QV_Rotate270(const unsigned char* Src, unsigned char* Dest
   } else {
     const int sp = 4 * SrcWidth, dp = 4 * DestWidth;
     const int tw = w / 4, th = h / 4;
-    for (int ty = 0; ty < th; ++ty)
-      for (int tx = 0; tx < tw; ++tx)
-        qv::Transpose4Tile(Src + ptrdiff_t(4 * tx) * SrcStride + 4 * (SrcWidth - 4 - 4 * ty), sp,
-                           Dest + ptrdiff_t(4 * ty) * DestStride + ptrdiff_t(3) * dp + 16 * tx, -dp);
+    qv::ForTileGroups<4>(tw, th, [&](int tx, int ty) {
+      qv::Transpose4Tile(Src + ptrdiff_t(4 * tx) * SrcStride + 4 * (SrcWidth - 4 - 4 * ty), sp,
+                         Dest + ptrdiff_t(4 * ty) * DestStride + ptrdiff_t(3) * dp + 16 * tx, -dp);
+    });
     Strips(w, h, tw * 4, th * 4, [&](int r, int c) {
       CopyPixel(Src + ptrdiff_t(c) * sp + 4 * (SrcWidth - 1 - r), Dest + ptrdiff_t(r) * DestStride + 4 * c, 4);
     });
@@ -140,12 +140,21 @@ extern "C" QV_API int QV_Rotate180(const unsigned char* Src, unsigned char* Dest
   if (status != STATUS_OK) return status;
 
   const int W = SrcWidth, H = SrcHeight;
-  const qv::ReverseMasks masks = qv::MakeReverseMasks3();
   if (Src != Dest) {
-    for (int y = 0; y < H; ++y)
-      qv::ReverseRow(Src + ptrdiff_t(H - 1 - y) * SrcStride, Dest + ptrdiff_t(y) * DestStride, W, Channel, masks);
+    // Row y is row H - 1 - y reversed: the left-right flip's row kernel.
+    for (int y = 0; y < H; ++y) {
+      const unsigned char* s = Src + ptrdiff_t(H - 1 - y) * SrcStride;
+      unsigned char* d = Dest + ptrdiff_t(y) * DestStride;
+      if (Channel == 1)
+        qv::FlipRow<1>(s, d, W);
+      else if (Channel == 3)
+        qv::FlipRow<3>(s, d, W);
+      else
+        qv::FlipRow<4>(s, d, W);
+    }
     return STATUS_OK;
   }
+  const qv::ReverseMasks masks = qv::MakeReverseMasks3();
   // In place: the left half of each row is exchanged with the mirrored right
   // half of the mirrored row; the two sets never meet, even in a middle row.
   const int half = W / 2, block = qv::ReverseBlock(Channel);

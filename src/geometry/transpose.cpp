@@ -54,10 +54,10 @@ extern "C" QV_API int QV_Transpose(const unsigned char* Src, unsigned char* Dest
     // from tile to tile by the strides, and the strips step source rows by
     // 4 * DestHeight: four-channel images must be packed to come out right.
     const int tw = DestWidth / 4, th = DestHeight / 4;
-    for (int ty = 0; ty < th; ++ty)
-      for (int tx = 0; tx < tw; ++tx)
-        qv::Transpose4Tile(Src + ptrdiff_t(tx) * 4 * SrcStride + ty * 16, 4 * SrcWidth,
-                           Dest + ptrdiff_t(ty) * 4 * DestStride + tx * 16, 4 * DestWidth);
+    qv::ForTileGroups<4>(tw, th, [&](int tx, int ty) {
+      qv::Transpose4Tile(Src + ptrdiff_t(tx) * 4 * SrcStride + ty * 16, 4 * SrcWidth,
+                         Dest + ptrdiff_t(ty) * 4 * DestStride + tx * 16, 4 * DestWidth);
+    });
     TransposeStrips(Src, Dest, DestWidth, DestHeight, ptrdiff_t(4) * DestHeight, DestStride, 4, tw * 4, th * 4);
   }
   return STATUS_OK;

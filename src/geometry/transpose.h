@@ -78,4 +78,20 @@ static inline void Transpose4Tile(const unsigned char* Src, int SrcPitch, unsign
   _mm_storeu_si128(reinterpret_cast<__m128i*>(Dest + 3 * DestPitch), r3);
 }
 
+// Visits the tiles (tx, ty) of a TilesW by TilesH grid in square groups of
+// Group by Group tiles, a row of tiles at a time inside a group. A group's
+// source and destination rows then stay in L1 from one row of tiles to the
+// next, and each destination row is written in whole cache lines.
+template <int Group, class Tile>
+static inline void ForTileGroups(int TilesW, int TilesH, Tile tile) {
+  for (int gy = 0; gy < TilesH; gy += Group) {
+    const int ey = gy + Group < TilesH ? gy + Group : TilesH;
+    for (int gx = 0; gx < TilesW; gx += Group) {
+      const int ex = gx + Group < TilesW ? gx + Group : TilesW;
+      for (int ty = gy; ty < ey; ++ty)
+        for (int tx = gx; tx < ex; ++tx) tile(tx, ty);
+    }
+  }
+}
+
 }  // namespace qv

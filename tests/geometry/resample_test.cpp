@@ -137,6 +137,50 @@ TEST(Resample, LargerScalesMatchTheirModels) {
       }
 }
 
+TEST(Resample, BilinearExactHalvingMatchesModel) {
+  // SrcWidth = 2 * DestWidth takes its own blocks: widths around the 8-pixel
+  // block and the 16-sample pairs of blocks, rows halved exactly or not, and
+  // an all-white source, whose last DestWidth mod 8 columns wrap to 0 when
+  // wy is 128.
+  std::vector<int> widths;
+  for (int w = 1; w <= 40; ++w) widths.push_back(w);
+  for (int w : {63, 64, 65, 127, 129}) widths.push_back(w);
+  const std::array<int, 2> heights[] = {{2, 1}, {6, 3}, {8, 4}, {7, 3}, {3, 5}, {4, 4}};
+  for (int c : {1, 3, 4})
+    for (int dw : widths)
+      for (auto [sh, dh] : heights)
+        for (bool white : {false, true}) {
+          const int sw = 2 * dw, spad = sw > 3 ? (dw + sh) % 3 : 0, dpad = dw > 3 ? dh % 3 : 0;
+          auto src = qvt::MakeNaturalImage(sw, sh, c, spad, dw + sh);
+          if (white) std::fill(src.data.begin(), src.data.end(), 255);
+          auto dst = qvt::MakeImage(dw, dh, c, dpad);
+          const auto expect = BilinearModel(src, dst);
+          const std::string what = "src " + qvt::ToString({sw, sh, c, spad}) + " dest " +
+                                   qvt::ToString({dw, dh, c, dpad}) + (white ? " white" : "");
+          ASSERT_EQ(QV_Resample(src.ptr(), dst.ptr(), sw, sh, src.Stride, dw, dh, dst.Stride, 1), STATUS_OK) << what;
+          ASSERT_TRUE(qvt::SameBytes(expect, dst.data, dst.Stride)) << what;
+        }
+}
+
+TEST(Resample, BilinearScalesAroundTheGathers) {
+  // Single-channel rows gather 8 columns by one shuffle where their pairs fit
+  // in 16 bytes: scales just under and over a half, and milder ones, over
+  // widths around the groups of 8; the other channel counts ride along.
+  for (int c : {1, 3, 4})
+    for (int dw : {8, 9, 15, 16, 17, 24, 31, 33, 47, 64, 65})
+      for (int sw : {2 * dw - 1, 2 * dw + 1, 3 * dw / 2, dw + 1, dw - 1, dw / 2 + 1, dw / 3 + 1}) {
+        const int sh = 1 + (sw + dw) % 5, dh = 1 + (3 * sw + dw) % 7, spad = sw > 3 ? sw % 3 : 0;
+        auto src = qvt::MakeNaturalImage(sw, sh, c, spad, sw * dw);
+        qvt::FillRandom(src.data);
+        auto dst = qvt::MakeImage(dw, dh, c, dw % 2);
+        const auto expect = BilinearModel(src, dst);
+        const std::string what =
+            "src " + qvt::ToString({sw, sh, c, spad}) + " dest " + qvt::ToString({dw, dh, c, dw % 2});
+        ASSERT_EQ(QV_Resample(src.ptr(), dst.ptr(), sw, sh, src.Stride, dw, dh, dst.Stride, 1), STATUS_OK) << what;
+        ASSERT_TRUE(qvt::SameBytes(expect, dst.data, dst.Stride)) << what;
+      }
+}
+
 TEST(Resample, BicubicKernelEntries) {
   // Truncation towards zero: the negative lobe is not rounded as the positive.
   EXPECT_EQ(Kernel(0), 256);

@@ -63,6 +63,14 @@ TEST(Turns, TransposeMatchesIndexModel) {
           ASSERT_EQ(QV_Transpose(src.ptr(), dst.ptr(), sw, sh, src.Stride, sh, sw, dst.Stride), STATUS_OK) << what;
           ASSERT_TRUE(qvt::SameBytes(expect.data, dst.data, dst.Stride)) << what;
         }
+  for (int c : {1, 3, 4})  // several groups of tiles, with partial ones at both edges
+    for (auto [sw, sh] : {std::pair<int, int>{131, 77}, {64, 64}, {69, 130}}) {
+      auto src = qvt::MakeImage(sw, sh, c);
+      auto dst = qvt::MakeImage(sh, sw, c);
+      const auto expect = IndexModel(src, dst, [](int r, int col) { return std::make_pair(col, r); });
+      ASSERT_EQ(QV_Transpose(src.ptr(), dst.ptr(), sw, sh, src.Stride, sh, sw, dst.Stride), STATUS_OK);
+      ASSERT_TRUE(qvt::SameBytes(expect.data, dst.data, dst.Stride)) << sw << "x" << sh << " c " << c;
+    }
 }
 
 TEST(Turns, QuarterTurnsMatchIndexModel) {
@@ -132,8 +140,10 @@ TEST(Turns, TransposeIsDrivenByDestSizesOnly) {
 }
 
 TEST(Turns, HalfTurnInAndOutOfPlace) {
+  std::vector<int> widths(std::begin(kSides), std::end(kSides));
+  widths.insert(widths.end(), {47, 63, 64, 65, 81});  // the 64-byte and 20-pixel steps of the row kernel
   for (int c : {1, 3, 4})
-    for (int w : kSides)
+    for (int w : widths)
       for (int h : {1, 2, 3, 4, 7})
         for (int pad : {0, w > 3 ? 3 : 0}) {
           auto src = qvt::MakeImage(w, h, c, pad);
