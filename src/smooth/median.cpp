@@ -72,15 +72,16 @@ inline T Median9(T* p) {
   X(0, 1)                                                                                                              \
   X(3, 4)                                                                                                              \
   X(2, 4)                                                                                                              \
-  X(2, 3) X(6, 7) X(5, 7) X(5, 6) X(9, 10) X(8, 10) X(8, 9) X(12, 13) X(11, 13) X(11, 12) X(15, 16) X(14, 16)          \
-      X(14, 15) X(18, 19) X(17, 19) X(17, 18) X(21, 22) X(20, 22) X(20, 21) X(23, 24) X(2, 5) X(3, 6) X(0, 6) X(0, 3)  \
-          X(4, 7) X(1, 7) X(1, 4) X(11, 14) X(8, 14) X(8, 11) X(12, 15) X(9, 15) X(9, 12) X(13, 16) X(10, 16)          \
-              X(10, 13) X(20, 23) X(17, 23) X(17, 20) X(21, 24) X(18, 24) X(18, 21) X(19, 22) X(8, 17) X(9, 18)        \
-                  X(0, 18) X(0, 9) X(10, 19) X(1, 19) X(1, 10) X(11, 20) X(2, 20) X(2, 11) X(12, 21) X(3, 21) X(3, 12) \
-                      X(13, 22) X(4, 22) X(4, 13) X(14, 23) X(5, 23) X(5, 14) X(15, 24) X(6, 24) X(6, 15) X(7, 16)     \
-                          X(7, 19) X(13, 21) X(15, 23) X(7, 13) X(7, 15) X(1, 9) X(3, 11) X(5, 17) X(11, 17) X(9, 17)  \
-                              X(4, 10) X(6, 12) X(7, 14) X(4, 6) X(4, 7) X(12, 14) X(10, 14) X(6, 7) X(10, 12)         \
-                                  X(6, 10) X(6, 17) X(12, 17) X(7, 17) X(7, 10) X(12, 18) X(7, 12) X(10, 18) X(12, 20) \
+  X(2, 3)                                                                                                              \
+  X(6, 7) X(5, 7) X(5, 6) X(9, 10) X(8, 10) X(8, 9) X(12, 13) X(11, 13) X(11, 12) X(15, 16) X(14, 16) X(14, 15)        \
+      X(18, 19) X(17, 19) X(17, 18) X(21, 22) X(20, 22) X(20, 21) X(23, 24) X(2, 5) X(3, 6) X(0, 6) X(0, 3) X(4, 7)    \
+          X(1, 7) X(1, 4) X(11, 14) X(8, 14) X(8, 11) X(12, 15) X(9, 15) X(9, 12) X(13, 16) X(10, 16) X(10, 13)        \
+              X(20, 23) X(17, 23) X(17, 20) X(21, 24) X(18, 24) X(18, 21) X(19, 22) X(8, 17) X(9, 18) X(0, 18) X(0, 9) \
+                  X(10, 19) X(1, 19) X(1, 10) X(11, 20) X(2, 20) X(2, 11) X(12, 21) X(3, 21) X(3, 12) X(13, 22)        \
+                      X(4, 22) X(4, 13) X(14, 23) X(5, 23) X(5, 14) X(15, 24) X(6, 24) X(6, 15) X(7, 16) X(7, 19)      \
+                          X(13, 21) X(15, 23) X(7, 13) X(7, 15) X(1, 9) X(3, 11) X(5, 17) X(11, 17) X(9, 17) X(4, 10)  \
+                              X(6, 12) X(7, 14) X(4, 6) X(4, 7) X(12, 14) X(10, 14) X(6, 7) X(10, 12) X(6, 10)         \
+                                  X(6, 17) X(12, 17) X(7, 17) X(7, 10) X(12, 18) X(7, 12) X(10, 18) X(12, 20)          \
                                       X(10, 20) X(10, 12)
 
 template <typename T>
@@ -271,17 +272,13 @@ struct Geometry {
 };
 
 // Brings segment k of channel c up to the window of column x (columns x -
-// Radius to x + Radius, the edge columns repeated) and returns it.
-inline uint16_t* CatchUp(const Histograms& h, const Geometry& g, int c, int k, long long x) {
+// Radius to x + Radius, the edge columns repeated) from an older state.
+__attribute__((noinline)) void CatchUpFar(const Histograms& h, const Geometry& g, int c, int k, long long x) {
   uint16_t* seg = h.win_fine + (c * 16 + k) * 16;
   int64_t& last = h.last_updated[c * 16 + k];
   const long long left = x - g.radius, right = x + g.radius;
   const int Width = g.width;
-  if (last == right) {
-    // The usual case: the segment followed the previous column.
-    const long long s = right - g.diameter;
-    StepHist(seg, h.Fine(c, k, right < Width - 1 ? right : Width - 1), h.Fine(c, k, s > 0 ? s : 0));
-  } else if (last <= left) {
+  if (last <= left) {
     std::memset(seg, 0, 32);
     const long long end = right + 1 < Width ? right + 1 : Width;
     // last is never negative, so neither is left here; columns past the
@@ -307,6 +304,21 @@ inline uint16_t* CatchUp(const Histograms& h, const Geometry& g, int c, int k, l
     }
   }
   last = right + 1;
+}
+
+// The same, inline for the usual case of a segment that followed the
+// previous column: one column in, one out. Add and Sub are the columns
+// min(x + Radius, Width - 1) and max(x - Radius - 1, 0).
+inline uint16_t* CatchUp(const Histograms& h, const Geometry& g, int c, int k, long long x, long long Add,
+                         long long Sub) {
+  uint16_t* seg = h.win_fine + (c * 16 + k) * 16;
+  int64_t& last = h.last_updated[c * 16 + k];
+  if (last == x + g.radius) {
+    StepHist(seg, h.Fine(c, k, Add), h.Fine(c, k, Sub));
+    last = x + g.radius + 1;
+  } else if (last < x + g.radius) {
+    CatchUpFar(h, g, c, k, x);
+  }
   return seg;
 }
 
@@ -369,7 +381,7 @@ void FilterRow(const Histograms& h, const Geometry& g, unsigned Rank, bool Narro
                                             _mm_and_si128(d_hi, _mm_cmpgt_epi16(kk, lanes_hi)));
         s.below += static_cast<unsigned>(HorizontalSum16(moved));
         if (s.below <= Rank) {
-          const __m128i* seg = reinterpret_cast<const __m128i*>(CatchUp(h, g, c, k, x));
+          const __m128i* seg = reinterpret_cast<const __m128i*>(CatchUp(h, g, c, k, x, add, sub));
           const int above = AboveMask(_mm_load_si128(seg), _mm_load_si128(seg + 1), Rank - s.below);
           if (above != 0) b = __builtin_ctz(static_cast<unsigned>(above));
         }
@@ -389,7 +401,7 @@ void FilterRow(const Histograms& h, const Geometry& g, unsigned Rank, bool Narro
         }
         // k stops at 15 even when the counters have wrapped (Radius 128 and
         // more) and no bin passes the rank; so does b below.
-        const uint16_t* seg = CatchUp(h, g, c, k, x);
+        const uint16_t* seg = CatchUp(h, g, c, k, x, add, sub);
         if (Narrow) {
           unsigned before = 0;
           b = FirstAbove(seg, Rank - sum, &before);
