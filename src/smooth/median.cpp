@@ -73,16 +73,17 @@ inline T Median9(T* p) {
   X(3, 4)                                                                                                              \
   X(2, 4)                                                                                                              \
   X(2, 3)                                                                                                              \
-  X(6, 7) X(5, 7) X(5, 6) X(9, 10) X(8, 10) X(8, 9) X(12, 13) X(11, 13) X(11, 12) X(15, 16) X(14, 16) X(14, 15)        \
-      X(18, 19) X(17, 19) X(17, 18) X(21, 22) X(20, 22) X(20, 21) X(23, 24) X(2, 5) X(3, 6) X(0, 6) X(0, 3) X(4, 7)    \
-          X(1, 7) X(1, 4) X(11, 14) X(8, 14) X(8, 11) X(12, 15) X(9, 15) X(9, 12) X(13, 16) X(10, 16) X(10, 13)        \
-              X(20, 23) X(17, 23) X(17, 20) X(21, 24) X(18, 24) X(18, 21) X(19, 22) X(8, 17) X(9, 18) X(0, 18) X(0, 9) \
-                  X(10, 19) X(1, 19) X(1, 10) X(11, 20) X(2, 20) X(2, 11) X(12, 21) X(3, 21) X(3, 12) X(13, 22)        \
-                      X(4, 22) X(4, 13) X(14, 23) X(5, 23) X(5, 14) X(15, 24) X(6, 24) X(6, 15) X(7, 16) X(7, 19)      \
-                          X(13, 21) X(15, 23) X(7, 13) X(7, 15) X(1, 9) X(3, 11) X(5, 17) X(11, 17) X(9, 17) X(4, 10)  \
-                              X(6, 12) X(7, 14) X(4, 6) X(4, 7) X(12, 14) X(10, 14) X(6, 7) X(10, 12) X(6, 10)         \
-                                  X(6, 17) X(12, 17) X(7, 17) X(7, 10) X(12, 18) X(7, 12) X(10, 18) X(12, 20)          \
-                                      X(10, 20) X(10, 12)
+  X(6, 7)                                                                                                              \
+  X(5, 7) X(5, 6) X(9, 10) X(8, 10) X(8, 9) X(12, 13) X(11, 13) X(11, 12) X(15, 16) X(14, 16) X(14, 15) X(18, 19)      \
+      X(17, 19) X(17, 18) X(21, 22) X(20, 22) X(20, 21) X(23, 24) X(2, 5) X(3, 6) X(0, 6) X(0, 3) X(4, 7) X(1, 7)      \
+          X(1, 4) X(11, 14) X(8, 14) X(8, 11) X(12, 15) X(9, 15) X(9, 12) X(13, 16) X(10, 16) X(10, 13) X(20, 23)      \
+              X(17, 23) X(17, 20) X(21, 24) X(18, 24) X(18, 21) X(19, 22) X(8, 17) X(9, 18) X(0, 18) X(0, 9) X(10, 19) \
+                  X(1, 19) X(1, 10) X(11, 20) X(2, 20) X(2, 11) X(12, 21) X(3, 21) X(3, 12) X(13, 22) X(4, 22)         \
+                      X(4, 13) X(14, 23) X(5, 23) X(5, 14) X(15, 24) X(6, 24) X(6, 15) X(7, 16) X(7, 19) X(13, 21)     \
+                          X(15, 23) X(7, 13) X(7, 15) X(1, 9) X(3, 11) X(5, 17) X(11, 17) X(9, 17) X(4, 10) X(6, 12)   \
+                              X(7, 14) X(4, 6) X(4, 7) X(12, 14) X(10, 14) X(6, 7) X(10, 12) X(6, 10) X(6, 17)         \
+                                  X(12, 17) X(7, 17) X(7, 10) X(12, 18) X(7, 12) X(10, 18) X(12, 20) X(10, 20)         \
+                                      X(10, 12)
 
 template <typename T>
 inline T Median25(T* p) {
@@ -186,9 +187,9 @@ inline void PrefixSums(__m128i& A, __m128i& B) {
 
 // Bit i set where the running sum through bin i exceeds Limit (all sums
 // below 65536).
-inline int AboveMask(__m128i Lo, __m128i Hi, unsigned Limit) {
+inline int AboveMask(__m128i Lo, __m128i Hi, __m128i Limit) {
   PrefixSums(Lo, Hi);
-  const __m128i lim = _mm_set1_epi16(static_cast<int16_t>(Limit)), zero = _mm_setzero_si128();
+  const __m128i lim = Limit, zero = _mm_setzero_si128();
   // prefix > Limit exactly where the saturating difference is not zero.
   const __m128i at_most =
       _mm_packs_epi16(_mm_cmpeq_epi16(_mm_subs_epu16(Lo, lim), zero), _mm_cmpeq_epi16(_mm_subs_epu16(Hi, lim), zero));
@@ -200,7 +201,7 @@ inline int AboveMask(__m128i Lo, __m128i Hi, unsigned Limit) {
 inline int FirstAbove(const uint16_t* Hist, unsigned Limit, unsigned* Before) {
   const __m128i* h = reinterpret_cast<const __m128i*>(Hist);
   __m128i a = _mm_load_si128(h), b = _mm_load_si128(h + 1);
-  const int above = AboveMask(a, b, Limit);
+  const int above = AboveMask(a, b, _mm_set1_epi16(static_cast<int16_t>(Limit)));
   const int k = above != 0 ? __builtin_ctz(static_cast<unsigned>(above)) : 15;
   PrefixSums(a, b);
   alignas(16) uint16_t prefix[16];
@@ -210,12 +211,11 @@ inline int FirstAbove(const uint16_t* Hist, unsigned Limit, unsigned* Before) {
   return k;
 }
 
-// Sum of the 8 lanes, wrapping at 16 bits, as a signed value.
-inline int HorizontalSum16(__m128i V) {
-  V = _mm_add_epi16(V, _mm_srli_si128(V, 8));
-  V = _mm_add_epi16(V, _mm_srli_si128(V, 4));
-  V = _mm_add_epi16(V, _mm_srli_si128(V, 2));
-  return static_cast<int16_t>(_mm_cvtsi128_si32(V));
+// The sum of the 8 lanes in every lane, wrapping at 16 bits.
+inline __m128i BroadcastSum16(__m128i V) {
+  V = _mm_add_epi16(V, _mm_shuffle_epi32(V, 0x4E));
+  V = _mm_add_epi16(V, _mm_shuffle_epi32(V, 0xB1));
+  return _mm_add_epi16(V, _mm_shuffle_epi8(V, _mm_setr_epi8(2, 3, 0, 1, 6, 7, 4, 5, 10, 11, 8, 9, 14, 15, 12, 13)));
 }
 
 struct Histograms {
@@ -322,21 +322,22 @@ inline uint16_t* CatchUp(const Histograms& h, const Geometry& g, int c, int k, l
   return seg;
 }
 
-// Per channel: the window's coarse histogram, the coarse bin of the last
-// output and the count of window samples in the bins below it.
+// Per channel: the window's coarse histogram; the coarse bin of the last
+// output, its fine segment (kept here while the bin holds, the copy in
+// win_fine being stale until it is stored back) and the count of window
+// samples in the bins below it, in every lane.
 struct ChannelState {
-  __m128i coarse_lo, coarse_hi;
+  __m128i coarse_lo, coarse_hi, seg_lo, seg_hi, below;
   int bin;
-  unsigned below;
 };
 
 // Filters one row of the histogram path. Below Radius 128 every count of a
 // window fits 16 bits and the searches are vector prefix sums; the answer
 // usually stays in the coarse bin of the previous column, so the count below
-// that bin is carried from column to column and only the fine segment is
-// searched, the coarse search being the fallback when the answer moves to
-// another bin. From Radius 128 on the counters can wrap: both levels are
-// walked from bin 0, stopping at bin 15 when no sum passes the rank.
+// that bin is carried from column to column and only its fine segment is
+// stepped and searched, the coarse search being the fallback when the answer
+// moves to another bin. From Radius 128 on the counters can wrap: both levels
+// are walked from bin 0, stopping at bin 15 when no sum passes the rank.
 template <int Channels>
 void FilterRow(const Histograms& h, const Geometry& g, unsigned Rank, bool Narrow, unsigned char* Out, int Channel) {
   const int Width = g.width;
@@ -345,14 +346,15 @@ void FilterRow(const Histograms& h, const Geometry& g, unsigned Rank, bool Narro
   for (int c = 0; c < Channels; ++c) {
     // The window of column -1: Radius + 1 copies of column 0 and columns 0 to
     // Radius - 1, those past the image being the last column.
-    alignas(16) uint16_t wc[16] = {};
+    uint16_t* wc = h.win_coarse + c * 16;
+    std::memset(wc, 0, 32);
     AddHistWeighted(wc, h.Coarse(c, 0), static_cast<uint16_t>(R + 1));
     for (long long j = 0; j < R && j < Width; ++j) AddHist(wc, h.Coarse(c, j));
     if (R > Width) AddHistWeighted(wc, h.Coarse(c, Width - 1), static_cast<uint16_t>(R - Width));
     st[c].coarse_lo = _mm_load_si128(reinterpret_cast<const __m128i*>(wc));
     st[c].coarse_hi = _mm_load_si128(reinterpret_cast<const __m128i*>(wc + 8));
+    st[c].seg_lo = st[c].seg_hi = st[c].below = _mm_setzero_si128();
     st[c].bin = -1;
-    st[c].below = 0;
     // Every segment as if the window stood wholly left of the image.
     for (int k = 0; k < 16; ++k) {
       std::memset(h.win_fine + (c * 16 + k) * 16, 0, 32);
@@ -362,6 +364,7 @@ void FilterRow(const Histograms& h, const Geometry& g, unsigned Rank, bool Narro
   }
   const __m128i lanes_lo = _mm_setr_epi16(0, 1, 2, 3, 4, 5, 6, 7),
                 lanes_hi = _mm_setr_epi16(8, 9, 10, 11, 12, 13, 14, 15);
+  const __m128i rank = _mm_set1_epi16(static_cast<int16_t>(Rank));
   for (int x = 0; x < Width; ++x) {
     const long long add = x + R < Width - 1 ? x + R : Width - 1;
     const long long sub = x - R - 1 > 0 ? x - R - 1 : 0;
@@ -375,15 +378,24 @@ void FilterRow(const Histograms& h, const Geometry& g, unsigned Rank, bool Narro
       s.coarse_lo = _mm_add_epi16(s.coarse_lo, d_lo);
       s.coarse_hi = _mm_add_epi16(s.coarse_hi, d_hi);
       int k = s.bin, b = -1;
-      if (Narrow && k >= 0) {
+      if (k >= 0) {
+        const __m128i* fa = reinterpret_cast<const __m128i*>(h.Fine(c, k, add));
+        const __m128i* fs = reinterpret_cast<const __m128i*>(h.Fine(c, k, sub));
+        s.seg_lo = _mm_add_epi16(s.seg_lo, _mm_sub_epi16(_mm_load_si128(fa), _mm_load_si128(fs)));
+        s.seg_hi = _mm_add_epi16(s.seg_hi, _mm_sub_epi16(_mm_load_si128(fa + 1), _mm_load_si128(fs + 1)));
         const __m128i kk = _mm_set1_epi16(static_cast<int16_t>(k));
         const __m128i moved = _mm_add_epi16(_mm_and_si128(d_lo, _mm_cmpgt_epi16(kk, lanes_lo)),
                                             _mm_and_si128(d_hi, _mm_cmpgt_epi16(kk, lanes_hi)));
-        s.below += static_cast<unsigned>(HorizontalSum16(moved));
-        if (s.below <= Rank) {
-          const __m128i* seg = reinterpret_cast<const __m128i*>(CatchUp(h, g, c, k, x, add, sub));
-          const int above = AboveMask(_mm_load_si128(seg), _mm_load_si128(seg + 1), Rank - s.below);
-          if (above != 0) b = __builtin_ctz(static_cast<unsigned>(above));
+        s.below = _mm_add_epi16(s.below, BroadcastSum16(moved));
+        // When the answer lies below the bin, Rank - below wraps to at least
+        // 65536 + Rank - Area, which no count of the segment exceeds.
+        const int above = AboveMask(s.seg_lo, s.seg_hi, _mm_sub_epi16(rank, s.below));
+        if (above != 0) {
+          b = __builtin_ctz(static_cast<unsigned>(above));
+        } else {
+          _mm_store_si128(reinterpret_cast<__m128i*>(h.win_fine + (c * 16 + k) * 16), s.seg_lo);
+          _mm_store_si128(reinterpret_cast<__m128i*>(h.win_fine + (c * 16 + k) * 16 + 8), s.seg_hi);
+          h.last_updated[c * 16 + k] = x + R + 1;
         }
       }
       if (b < 0) {
@@ -403,16 +415,17 @@ void FilterRow(const Histograms& h, const Geometry& g, unsigned Rank, bool Narro
         // more) and no bin passes the rank; so does b below.
         const uint16_t* seg = CatchUp(h, g, c, k, x, add, sub);
         if (Narrow) {
-          unsigned before = 0;
-          b = FirstAbove(seg, Rank - sum, &before);
+          s.seg_lo = _mm_load_si128(reinterpret_cast<const __m128i*>(seg));
+          s.seg_hi = _mm_load_si128(reinterpret_cast<const __m128i*>(seg + 8));
+          s.below = _mm_set1_epi16(static_cast<int16_t>(sum));
+          s.bin = k;
+          b = __builtin_ctz(static_cast<unsigned>(AboveMask(s.seg_lo, s.seg_hi, _mm_sub_epi16(rank, s.below))));
         } else {
           for (b = 0; b < 15; ++b) {
             sum += seg[b];
             if (sum > Rank) break;
           }
         }
-        s.bin = k;
-        s.below = sum;
       }
       Out[x * Channel + c] = static_cast<unsigned char>(16 * k + b);
     }
