@@ -75,15 +75,16 @@ inline T Median9(T* p) {
   X(2, 3)                                                                                                             \
   X(6, 7)                                                                                                             \
   X(5, 7)                                                                                                             \
-  X(5, 6) X(9, 10) X(8, 10) X(8, 9) X(12, 13) X(11, 13) X(11, 12) X(15, 16) X(14, 16) X(14, 15) X(18, 19) X(17, 19)   \
-      X(17, 18) X(21, 22) X(20, 22) X(20, 21) X(23, 24) X(2, 5) X(3, 6) X(0, 6) X(0, 3) X(4, 7) X(1, 7) X(1, 4)       \
-          X(11, 14) X(8, 14) X(8, 11) X(12, 15) X(9, 15) X(9, 12) X(13, 16) X(10, 16) X(10, 13) X(20, 23) X(17, 23)   \
-              X(17, 20) X(21, 24) X(18, 24) X(18, 21) X(19, 22) X(8, 17) X(9, 18) X(0, 18) X(0, 9) X(10, 19) X(1, 19) \
-                  X(1, 10) X(11, 20) X(2, 20) X(2, 11) X(12, 21) X(3, 21) X(3, 12) X(13, 22) X(4, 22) X(4, 13)        \
-                      X(14, 23) X(5, 23) X(5, 14) X(15, 24) X(6, 24) X(6, 15) X(7, 16) X(7, 19) X(13, 21) X(15, 23)   \
-                          X(7, 13) X(7, 15) X(1, 9) X(3, 11) X(5, 17) X(11, 17) X(9, 17) X(4, 10) X(6, 12) X(7, 14)   \
-                              X(4, 6) X(4, 7) X(12, 14) X(10, 14) X(6, 7) X(10, 12) X(6, 10) X(6, 17) X(12, 17)       \
-                                  X(7, 17) X(7, 10) X(12, 18) X(7, 12) X(10, 18) X(12, 20) X(10, 20) X(10, 12)
+  X(5, 6)                                                                                                             \
+  X(9, 10) X(8, 10) X(8, 9) X(12, 13) X(11, 13) X(11, 12) X(15, 16) X(14, 16) X(14, 15) X(18, 19) X(17, 19) X(17, 18) \
+      X(21, 22) X(20, 22) X(20, 21) X(23, 24) X(2, 5) X(3, 6) X(0, 6) X(0, 3) X(4, 7) X(1, 7) X(1, 4) X(11, 14)       \
+          X(8, 14) X(8, 11) X(12, 15) X(9, 15) X(9, 12) X(13, 16) X(10, 16) X(10, 13) X(20, 23) X(17, 23) X(17, 20)   \
+              X(21, 24) X(18, 24) X(18, 21) X(19, 22) X(8, 17) X(9, 18) X(0, 18) X(0, 9) X(10, 19) X(1, 19) X(1, 10)  \
+                  X(11, 20) X(2, 20) X(2, 11) X(12, 21) X(3, 21) X(3, 12) X(13, 22) X(4, 22) X(4, 13) X(14, 23)       \
+                      X(5, 23) X(5, 14) X(15, 24) X(6, 24) X(6, 15) X(7, 16) X(7, 19) X(13, 21) X(15, 23) X(7, 13)    \
+                          X(7, 15) X(1, 9) X(3, 11) X(5, 17) X(11, 17) X(9, 17) X(4, 10) X(6, 12) X(7, 14) X(4, 6)    \
+                              X(4, 7) X(12, 14) X(10, 14) X(6, 7) X(10, 12) X(6, 10) X(6, 17) X(12, 17) X(7, 17)      \
+                                  X(7, 10) X(12, 18) X(7, 12) X(10, 18) X(12, 20) X(10, 20) X(10, 12)
 
 template <typename T>
 inline T Median25(T* p) {
@@ -330,6 +331,8 @@ inline uint16_t* CatchUp(const Histograms& h, const Geometry& g, int c, int k, l
 // samples in the bins below it, in every lane.
 struct ChannelState {
   __m128i coarse_lo, coarse_hi, seg_lo, seg_hi, below;
+  __m128i below_lo, below_hi;  // lanes of the coarse bins below bin
+  const uint16_t* fine;        // column fine histograms of bin
   int bin;
 };
 
@@ -355,7 +358,8 @@ void FilterRow(const Histograms& h, const Geometry& g, unsigned Rank, bool Narro
     if (R > Width) AddHistWeighted(wc, h.Coarse(c, Width - 1), static_cast<uint16_t>(R - Width));
     st[c].coarse_lo = _mm_load_si128(reinterpret_cast<const __m128i*>(wc));
     st[c].coarse_hi = _mm_load_si128(reinterpret_cast<const __m128i*>(wc + 8));
-    st[c].seg_lo = st[c].seg_hi = st[c].below = _mm_setzero_si128();
+    st[c].seg_lo = st[c].seg_hi = st[c].below = st[c].below_lo = st[c].below_hi = _mm_setzero_si128();
+    st[c].fine = nullptr;
     st[c].bin = -1;
     // Every segment as if the window stood wholly left of the image.
     for (int k = 0; k < 16; ++k) {
@@ -381,13 +385,11 @@ void FilterRow(const Histograms& h, const Geometry& g, unsigned Rank, bool Narro
       s.coarse_hi = _mm_add_epi16(s.coarse_hi, d_hi);
       int k = s.bin, b = -1;
       if (k >= 0) {
-        const __m128i* fa = reinterpret_cast<const __m128i*>(h.Fine(c, k, add));
-        const __m128i* fs = reinterpret_cast<const __m128i*>(h.Fine(c, k, sub));
+        const __m128i* fa = reinterpret_cast<const __m128i*>(s.fine + add * 16);
+        const __m128i* fs = reinterpret_cast<const __m128i*>(s.fine + sub * 16);
         s.seg_lo = _mm_add_epi16(s.seg_lo, _mm_sub_epi16(_mm_load_si128(fa), _mm_load_si128(fs)));
         s.seg_hi = _mm_add_epi16(s.seg_hi, _mm_sub_epi16(_mm_load_si128(fa + 1), _mm_load_si128(fs + 1)));
-        const __m128i kk = _mm_set1_epi16(static_cast<int16_t>(k));
-        const __m128i moved = _mm_add_epi16(_mm_and_si128(d_lo, _mm_cmpgt_epi16(kk, lanes_lo)),
-                                            _mm_and_si128(d_hi, _mm_cmpgt_epi16(kk, lanes_hi)));
+        const __m128i moved = _mm_add_epi16(_mm_and_si128(d_lo, s.below_lo), _mm_and_si128(d_hi, s.below_hi));
         s.below = _mm_add_epi16(s.below, BroadcastSum16(moved));
         // When the answer lies below the bin, Rank - below wraps to at least
         // 65536 + Rank - Area, which no count of the segment exceeds.
@@ -421,6 +423,10 @@ void FilterRow(const Histograms& h, const Geometry& g, unsigned Rank, bool Narro
           s.seg_hi = _mm_load_si128(reinterpret_cast<const __m128i*>(seg + 8));
           s.below = _mm_set1_epi16(static_cast<int16_t>(sum));
           s.bin = k;
+          s.fine = h.Fine(c, k, 0);
+          const __m128i kk = _mm_set1_epi16(static_cast<int16_t>(k));
+          s.below_lo = _mm_cmpgt_epi16(kk, lanes_lo);
+          s.below_hi = _mm_cmpgt_epi16(kk, lanes_hi);
           b = __builtin_ctz(static_cast<unsigned>(AboveMask(s.seg_lo, s.seg_hi, _mm_sub_epi16(rank, s.below))));
         } else {
           for (b = 0; b < 15; ++b) {
