@@ -68,23 +68,24 @@ inline T Median9(T* p) {
 
 // Thirteenth smallest of 25 by a 99-exchange selection network, written out
 // with constant indices so that the samples can stay in registers.
-#define QV_NET25(X)                                                                                                   \
-  X(0, 1)                                                                                                             \
-  X(3, 4)                                                                                                             \
-  X(2, 4)                                                                                                             \
-  X(2, 3)                                                                                                             \
-  X(6, 7)                                                                                                             \
-  X(5, 7)                                                                                                             \
-  X(5, 6)                                                                                                             \
-  X(9, 10) X(8, 10) X(8, 9) X(12, 13) X(11, 13) X(11, 12) X(15, 16) X(14, 16) X(14, 15) X(18, 19) X(17, 19) X(17, 18) \
-      X(21, 22) X(20, 22) X(20, 21) X(23, 24) X(2, 5) X(3, 6) X(0, 6) X(0, 3) X(4, 7) X(1, 7) X(1, 4) X(11, 14)       \
-          X(8, 14) X(8, 11) X(12, 15) X(9, 15) X(9, 12) X(13, 16) X(10, 16) X(10, 13) X(20, 23) X(17, 23) X(17, 20)   \
-              X(21, 24) X(18, 24) X(18, 21) X(19, 22) X(8, 17) X(9, 18) X(0, 18) X(0, 9) X(10, 19) X(1, 19) X(1, 10)  \
-                  X(11, 20) X(2, 20) X(2, 11) X(12, 21) X(3, 21) X(3, 12) X(13, 22) X(4, 22) X(4, 13) X(14, 23)       \
-                      X(5, 23) X(5, 14) X(15, 24) X(6, 24) X(6, 15) X(7, 16) X(7, 19) X(13, 21) X(15, 23) X(7, 13)    \
-                          X(7, 15) X(1, 9) X(3, 11) X(5, 17) X(11, 17) X(9, 17) X(4, 10) X(6, 12) X(7, 14) X(4, 6)    \
-                              X(4, 7) X(12, 14) X(10, 14) X(6, 7) X(10, 12) X(6, 10) X(6, 17) X(12, 17) X(7, 17)      \
-                                  X(7, 10) X(12, 18) X(7, 12) X(10, 18) X(12, 20) X(10, 20) X(10, 12)
+#define QV_NET25(X)                                                                                                    \
+  X(0, 1)                                                                                                              \
+  X(3, 4)                                                                                                              \
+  X(2, 4)                                                                                                              \
+  X(2, 3)                                                                                                              \
+  X(6, 7)                                                                                                              \
+  X(5, 7)                                                                                                              \
+  X(5, 6)                                                                                                              \
+  X(9, 10)                                                                                                             \
+  X(8, 10) X(8, 9) X(12, 13) X(11, 13) X(11, 12) X(15, 16) X(14, 16) X(14, 15) X(18, 19) X(17, 19) X(17, 18) X(21, 22) \
+      X(20, 22) X(20, 21) X(23, 24) X(2, 5) X(3, 6) X(0, 6) X(0, 3) X(4, 7) X(1, 7) X(1, 4) X(11, 14) X(8, 14)         \
+          X(8, 11) X(12, 15) X(9, 15) X(9, 12) X(13, 16) X(10, 16) X(10, 13) X(20, 23) X(17, 23) X(17, 20) X(21, 24)   \
+              X(18, 24) X(18, 21) X(19, 22) X(8, 17) X(9, 18) X(0, 18) X(0, 9) X(10, 19) X(1, 19) X(1, 10) X(11, 20)   \
+                  X(2, 20) X(2, 11) X(12, 21) X(3, 21) X(3, 12) X(13, 22) X(4, 22) X(4, 13) X(14, 23) X(5, 23)         \
+                      X(5, 14) X(15, 24) X(6, 24) X(6, 15) X(7, 16) X(7, 19) X(13, 21) X(15, 23) X(7, 13) X(7, 15)     \
+                          X(1, 9) X(3, 11) X(5, 17) X(11, 17) X(9, 17) X(4, 10) X(6, 12) X(7, 14) X(4, 6) X(4, 7)      \
+                              X(12, 14) X(10, 14) X(6, 7) X(10, 12) X(6, 10) X(6, 17) X(12, 17) X(7, 17) X(7, 10)      \
+                                  X(12, 18) X(7, 12) X(10, 18) X(12, 20) X(10, 20) X(10, 12)
 
 template <typename T>
 inline T Median25(T* p) {
@@ -371,9 +372,9 @@ void FilterRow(const Histograms& h, const Geometry& g, unsigned Rank, bool Narro
   const __m128i lanes_lo = _mm_setr_epi16(0, 1, 2, 3, 4, 5, 6, 7),
                 lanes_hi = _mm_setr_epi16(8, 9, 10, 11, 12, 13, 14, 15);
   const __m128i rank = _mm_set1_epi16(static_cast<int16_t>(Rank));
-  for (int x = 0; x < Width; ++x) {
-    const long long add = x + R < Width - 1 ? x + R : Width - 1;
-    const long long sub = x - R - 1 > 0 ? x - R - 1 : 0;
+  // One output pixel; add and sub are the columns min(x + Radius, Width - 1)
+  // and max(x - Radius - 1, 0) that enter and leave the window.
+  auto pixel = [&](long long x, long long add, long long sub) __attribute__((always_inline)) {
 #pragma GCC unroll 4
     for (int c = 0; c < Channels; ++c) {
       ChannelState& s = st[c];
@@ -394,7 +395,7 @@ void FilterRow(const Histograms& h, const Geometry& g, unsigned Rank, bool Narro
         // When the answer lies below the bin, Rank - below wraps to at least
         // 65536 + Rank - Area, which no count of the segment exceeds.
         const int above = AboveMask(s.seg_lo, s.seg_hi, _mm_sub_epi16(rank, s.below));
-        if (above != 0) {
+        if (__builtin_expect(above != 0, 1)) {
           b = __builtin_ctz(static_cast<unsigned>(above));
         } else {
           _mm_store_si128(reinterpret_cast<__m128i*>(h.win_fine + (c * 16 + k) * 16), s.seg_lo);
@@ -437,7 +438,13 @@ void FilterRow(const Histograms& h, const Geometry& g, unsigned Rank, bool Narro
       }
       Out[x * Channel + c] = static_cast<unsigned char>(16 * k + b);
     }
-  }
+  };
+  // The same window in three spans, so that the middle one, where no column
+  // is clamped, needs no limits.
+  const long long w = Width, first = R + 1 < w ? R + 1 : w, middle = w - R > first ? w - R : first;
+  for (long long x = 0; x < first; ++x) pixel(x, x + R < w - 1 ? x + R : w - 1, 0);
+  for (long long x = first; x < middle; ++x) pixel(x, x + R, x - R - 1);
+  for (long long x = middle; x < w; ++x) pixel(x, x + R < w - 1 ? x + R : w - 1, x - R - 1 > 0 ? x - R - 1 : 0);
 }
 
 int MedianBlurHistogram(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, int Radius,
