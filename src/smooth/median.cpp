@@ -68,23 +68,24 @@ inline T Median9(T* p) {
 
 // Thirteenth smallest of 25 by a 99-exchange selection network, written out
 // with constant indices so that the samples can stay in registers.
-#define QV_NET25(X)                                                                                                    \
-  X(0, 1)                                                                                                              \
-  X(3, 4)                                                                                                              \
-  X(2, 4)                                                                                                              \
-  X(2, 3)                                                                                                              \
-  X(6, 7)                                                                                                              \
-  X(5, 7)                                                                                                              \
-  X(5, 6)                                                                                                              \
-  X(9, 10)                                                                                                             \
-  X(8, 10) X(8, 9) X(12, 13) X(11, 13) X(11, 12) X(15, 16) X(14, 16) X(14, 15) X(18, 19) X(17, 19) X(17, 18) X(21, 22) \
-      X(20, 22) X(20, 21) X(23, 24) X(2, 5) X(3, 6) X(0, 6) X(0, 3) X(4, 7) X(1, 7) X(1, 4) X(11, 14) X(8, 14)         \
-          X(8, 11) X(12, 15) X(9, 15) X(9, 12) X(13, 16) X(10, 16) X(10, 13) X(20, 23) X(17, 23) X(17, 20) X(21, 24)   \
-              X(18, 24) X(18, 21) X(19, 22) X(8, 17) X(9, 18) X(0, 18) X(0, 9) X(10, 19) X(1, 19) X(1, 10) X(11, 20)   \
-                  X(2, 20) X(2, 11) X(12, 21) X(3, 21) X(3, 12) X(13, 22) X(4, 22) X(4, 13) X(14, 23) X(5, 23)         \
-                      X(5, 14) X(15, 24) X(6, 24) X(6, 15) X(7, 16) X(7, 19) X(13, 21) X(15, 23) X(7, 13) X(7, 15)     \
-                          X(1, 9) X(3, 11) X(5, 17) X(11, 17) X(9, 17) X(4, 10) X(6, 12) X(7, 14) X(4, 6) X(4, 7)      \
-                              X(12, 14) X(10, 14) X(6, 7) X(10, 12) X(6, 10) X(6, 17) X(12, 17) X(7, 17) X(7, 10)      \
+#define QV_NET25(X)                                                                                                  \
+  X(0, 1)                                                                                                            \
+  X(3, 4)                                                                                                            \
+  X(2, 4)                                                                                                            \
+  X(2, 3)                                                                                                            \
+  X(6, 7)                                                                                                            \
+  X(5, 7)                                                                                                            \
+  X(5, 6)                                                                                                            \
+  X(9, 10)                                                                                                           \
+  X(8, 10)                                                                                                           \
+  X(8, 9) X(12, 13) X(11, 13) X(11, 12) X(15, 16) X(14, 16) X(14, 15) X(18, 19) X(17, 19) X(17, 18) X(21, 22)        \
+      X(20, 22) X(20, 21) X(23, 24) X(2, 5) X(3, 6) X(0, 6) X(0, 3) X(4, 7) X(1, 7) X(1, 4) X(11, 14) X(8, 14)       \
+          X(8, 11) X(12, 15) X(9, 15) X(9, 12) X(13, 16) X(10, 16) X(10, 13) X(20, 23) X(17, 23) X(17, 20) X(21, 24) \
+              X(18, 24) X(18, 21) X(19, 22) X(8, 17) X(9, 18) X(0, 18) X(0, 9) X(10, 19) X(1, 19) X(1, 10) X(11, 20) \
+                  X(2, 20) X(2, 11) X(12, 21) X(3, 21) X(3, 12) X(13, 22) X(4, 22) X(4, 13) X(14, 23) X(5, 23)       \
+                      X(5, 14) X(15, 24) X(6, 24) X(6, 15) X(7, 16) X(7, 19) X(13, 21) X(15, 23) X(7, 13) X(7, 15)   \
+                          X(1, 9) X(3, 11) X(5, 17) X(11, 17) X(9, 17) X(4, 10) X(6, 12) X(7, 14) X(4, 6) X(4, 7)    \
+                              X(12, 14) X(10, 14) X(6, 7) X(10, 12) X(6, 10) X(6, 17) X(12, 17) X(7, 17) X(7, 10)    \
                                   X(12, 18) X(7, 12) X(10, 18) X(12, 20) X(10, 20) X(10, 12)
 
 template <typename T>
@@ -248,11 +249,11 @@ void AddRow(const Histograms& h, const unsigned char* Row, int Width, int Channe
 // One row leaves the column histograms and another enters; a sample equal to
 // the one it replaces changes nothing.
 template <int Channels>
-void ReplaceRow(const Histograms& h, const unsigned char* Out, const unsigned char* In, int Width, int Channel) {
+void ReplaceRow(const Histograms& h, const uint32_t* FineOffset, const unsigned char* Out, const unsigned char* In,
+                int Width, int Channel) {
   for (int c = 0; c < Channels; ++c) {
     uint16_t* coarse = h.coarse + size_t(c) * Width * 16;
-    uint16_t* bins[16];
-    for (int k = 0; k < 16; ++k) bins[k] = h.fine + (size_t(c) * 16 + k) * Width * 16;
+    uint16_t* fine = h.fine + size_t(c) * 16 * Width * 16;
     const unsigned char* out = Out + c;
     const unsigned char* in = In + c;
     for (size_t x = 0; x < size_t(Width); ++x, out += Channel, in += Channel) {
@@ -261,10 +262,9 @@ void ReplaceRow(const Histograms& h, const unsigned char* Out, const unsigned ch
       uint16_t* co = coarse + x * 16;
       co[o >> 4] = static_cast<uint16_t>(co[o >> 4] - 1);
       co[i >> 4] = static_cast<uint16_t>(co[i >> 4] + 1);
-      uint16_t* fo = bins[o >> 4] + x * 16 + (o & 15);
-      uint16_t* fi = bins[i >> 4] + x * 16 + (i & 15);
-      *fo = static_cast<uint16_t>(*fo - 1);
-      *fi = static_cast<uint16_t>(*fi + 1);
+      uint16_t* fx = fine + x * 16;
+      fx[FineOffset[o]] = static_cast<uint16_t>(fx[FineOffset[o]] - 1);
+      fx[FineOffset[i]] = static_cast<uint16_t>(fx[FineOffset[i]] + 1);
     }
   }
 }
@@ -489,15 +489,18 @@ int MedianBlurHistogram(const unsigned char* Src, unsigned char* Dest, int Width
   if (R > Height)
     AddRow(h, Src + size_t(Height - 1) * Stride, Width, Channel, channels, static_cast<uint16_t>(R - Height));
 
+  // Where value v counts in the fine histograms of a column of one channel.
+  uint32_t fine_offset[256];
+  for (int v = 0; v < 256; ++v) fine_offset[v] = static_cast<uint32_t>((v >> 4) * Width * 16 + (v & 15));
   for (int y = 0; y < Height; ++y) {
     const unsigned char* leaving = Src + size_t(ClampRow(y - R - 1, Height)) * Stride;
     const unsigned char* entering = Src + size_t(ClampRow(y + R, Height)) * Stride;
     unsigned char* out = Dest + size_t(y) * Stride;
     if (channels == 1) {
-      ReplaceRow<1>(h, leaving, entering, Width, Channel);
+      ReplaceRow<1>(h, fine_offset, leaving, entering, Width, Channel);
       FilterRow<1>(h, g, rank, narrow, out, Channel);
     } else {
-      ReplaceRow<3>(h, leaving, entering, Width, Channel);
+      ReplaceRow<3>(h, fine_offset, leaving, entering, Width, Channel);
       FilterRow<3>(h, g, rank, narrow, out, Channel);
     }
     if (Channel == 4)
