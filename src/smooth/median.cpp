@@ -68,25 +68,28 @@ inline T Median9(T* p) {
 
 // Thirteenth smallest of 25 by a 99-exchange selection network, written out
 // with constant indices so that the samples can stay in registers.
-#define QV_NET25(X)                                                                                                  \
-  X(0, 1)                                                                                                            \
-  X(3, 4)                                                                                                            \
-  X(2, 4)                                                                                                            \
-  X(2, 3)                                                                                                            \
-  X(6, 7)                                                                                                            \
-  X(5, 7)                                                                                                            \
-  X(5, 6)                                                                                                            \
-  X(9, 10)                                                                                                           \
-  X(8, 10)                                                                                                           \
-  X(8, 9) X(12, 13) X(11, 13) X(11, 12) X(15, 16) X(14, 16) X(14, 15) X(18, 19) X(17, 19) X(17, 18) X(21, 22)        \
-      X(20, 22) X(20, 21) X(23, 24) X(2, 5) X(3, 6) X(0, 6) X(0, 3) X(4, 7) X(1, 7) X(1, 4) X(11, 14) X(8, 14)       \
-          X(8, 11) X(12, 15) X(9, 15) X(9, 12) X(13, 16) X(10, 16) X(10, 13) X(20, 23) X(17, 23) X(17, 20) X(21, 24) \
-              X(18, 24) X(18, 21) X(19, 22) X(8, 17) X(9, 18) X(0, 18) X(0, 9) X(10, 19) X(1, 19) X(1, 10) X(11, 20) \
-                  X(2, 20) X(2, 11) X(12, 21) X(3, 21) X(3, 12) X(13, 22) X(4, 22) X(4, 13) X(14, 23) X(5, 23)       \
-                      X(5, 14) X(15, 24) X(6, 24) X(6, 15) X(7, 16) X(7, 19) X(13, 21) X(15, 23) X(7, 13) X(7, 15)   \
-                          X(1, 9) X(3, 11) X(5, 17) X(11, 17) X(9, 17) X(4, 10) X(6, 12) X(7, 14) X(4, 6) X(4, 7)    \
-                              X(12, 14) X(10, 14) X(6, 7) X(10, 12) X(6, 10) X(6, 17) X(12, 17) X(7, 17) X(7, 10)    \
-                                  X(12, 18) X(7, 12) X(10, 18) X(12, 20) X(10, 20) X(10, 12)
+#define QV_NET25(X)                                                                                                    \
+  X(0, 1)                                                                                                              \
+  X(3, 4)                                                                                                              \
+  X(2, 4)                                                                                                              \
+  X(2, 3)                                                                                                              \
+  X(6, 7)                                                                                                              \
+  X(5, 7)                                                                                                              \
+  X(5, 6)                                                                                                              \
+  X(9, 10)                                                                                                             \
+  X(8, 10)                                                                                                             \
+  X(8, 9)                                                                                                              \
+  X(12, 13)                                                                                                            \
+  X(11, 13)                                                                                                            \
+  X(11, 12) X(15, 16) X(14, 16) X(14, 15) X(18, 19) X(17, 19) X(17, 18) X(21, 22) X(20, 22) X(20, 21) X(23, 24)        \
+      X(2, 5) X(3, 6) X(0, 6) X(0, 3) X(4, 7) X(1, 7) X(1, 4) X(11, 14) X(8, 14) X(8, 11) X(12, 15) X(9, 15) X(9, 12)  \
+          X(13, 16) X(10, 16) X(10, 13) X(20, 23) X(17, 23) X(17, 20) X(21, 24) X(18, 24) X(18, 21) X(19, 22) X(8, 17) \
+              X(9, 18) X(0, 18) X(0, 9) X(10, 19) X(1, 19) X(1, 10) X(11, 20) X(2, 20) X(2, 11) X(12, 21) X(3, 21)     \
+                  X(3, 12) X(13, 22) X(4, 22) X(4, 13) X(14, 23) X(5, 23) X(5, 14) X(15, 24) X(6, 24) X(6, 15)         \
+                      X(7, 16) X(7, 19) X(13, 21) X(15, 23) X(7, 13) X(7, 15) X(1, 9) X(3, 11) X(5, 17) X(11, 17)      \
+                          X(9, 17) X(4, 10) X(6, 12) X(7, 14) X(4, 6) X(4, 7) X(12, 14) X(10, 14) X(6, 7) X(10, 12)    \
+                              X(6, 10) X(6, 17) X(12, 17) X(7, 17) X(7, 10) X(12, 18) X(7, 12) X(10, 18) X(12, 20)     \
+                                  X(10, 20) X(10, 12)
 
 template <typename T>
 inline T Median25(T* p) {
@@ -326,10 +329,10 @@ inline uint16_t* CatchUp(const Histograms& h, const Geometry& g, int c, int k, l
   return seg;
 }
 
-// Per channel: the window's coarse histogram; the coarse bin of the last
-// output, its fine segment (kept here while the bin holds, the copy in
-// win_fine being stale until it is stored back) and the count of window
-// samples in the bins below it, in every lane.
+// The window's coarse histogram; the coarse bin of the last output, its fine
+// segment (kept here while the bin holds, the copy in win_fine being stale
+// until it is stored back) and the count of window samples in the bins below
+// it, in every lane.
 struct ChannelState {
   __m128i coarse_lo, coarse_hi, seg_lo, seg_hi, below;
   __m128i below_lo, below_hi;  // lanes of the coarse bins below bin
@@ -337,107 +340,103 @@ struct ChannelState {
   int bin;
 };
 
-// Filters one row of the histogram path. Below Radius 128 every count of a
+// Filters one row of channel c on the histogram path; a channel at a time
+// keeps its whole state in registers. Below Radius 128 every count of a
 // window fits 16 bits and the searches are vector prefix sums; the answer
 // usually stays in the coarse bin of the previous column, so the count below
 // that bin is carried from column to column and only its fine segment is
 // stepped and searched, the coarse search being the fallback when the answer
 // moves to another bin. From Radius 128 on the counters can wrap: both levels
 // are walked from bin 0, stopping at bin 15 when no sum passes the rank.
-template <int Channels>
-void FilterRow(const Histograms& h, const Geometry& g, unsigned Rank, bool Narrow, unsigned char* Out, int Channel) {
+void FilterRow(const Histograms& h, const Geometry& g, int c, unsigned Rank, bool Narrow, unsigned char* Out,
+               int Channel) {
   const int Width = g.width;
   const long long R = g.radius;
-  ChannelState st[Channels];
-  for (int c = 0; c < Channels; ++c) {
-    // The window of column -1: Radius + 1 copies of column 0 and columns 0 to
-    // Radius - 1, those past the image being the last column.
-    uint16_t* wc = h.win_coarse + c * 16;
-    std::memset(wc, 0, 32);
-    AddHistWeighted(wc, h.Coarse(c, 0), static_cast<uint16_t>(R + 1));
-    for (long long j = 0; j < R && j < Width; ++j) AddHist(wc, h.Coarse(c, j));
-    if (R > Width) AddHistWeighted(wc, h.Coarse(c, Width - 1), static_cast<uint16_t>(R - Width));
-    st[c].coarse_lo = _mm_load_si128(reinterpret_cast<const __m128i*>(wc));
-    st[c].coarse_hi = _mm_load_si128(reinterpret_cast<const __m128i*>(wc + 8));
-    st[c].seg_lo = st[c].seg_hi = st[c].below = st[c].below_lo = st[c].below_hi = _mm_setzero_si128();
-    st[c].fine = nullptr;
-    st[c].bin = -1;
-    // Every segment as if the window stood wholly left of the image.
-    for (int k = 0; k < 16; ++k) {
-      std::memset(h.win_fine + (c * 16 + k) * 16, 0, 32);
-      AddHistWeighted(h.win_fine + (c * 16 + k) * 16, h.Fine(c, k, 0), static_cast<uint16_t>(g.diameter));
-      h.last_updated[c * 16 + k] = 0;
-    }
+  // The window of column -1: Radius + 1 copies of column 0 and columns 0 to
+  // Radius - 1, those past the image being the last column.
+  uint16_t* wc = h.win_coarse + c * 16;
+  std::memset(wc, 0, 32);
+  AddHistWeighted(wc, h.Coarse(c, 0), static_cast<uint16_t>(R + 1));
+  for (long long j = 0; j < R && j < Width; ++j) AddHist(wc, h.Coarse(c, j));
+  if (R > Width) AddHistWeighted(wc, h.Coarse(c, Width - 1), static_cast<uint16_t>(R - Width));
+  ChannelState s;
+  s.coarse_lo = _mm_load_si128(reinterpret_cast<const __m128i*>(wc));
+  s.coarse_hi = _mm_load_si128(reinterpret_cast<const __m128i*>(wc + 8));
+  s.seg_lo = s.seg_hi = s.below = s.below_lo = s.below_hi = _mm_setzero_si128();
+  s.fine = nullptr;
+  s.bin = -1;
+  // Every segment as if the window stood wholly left of the image.
+  for (int k = 0; k < 16; ++k) {
+    std::memset(h.win_fine + (c * 16 + k) * 16, 0, 32);
+    AddHistWeighted(h.win_fine + (c * 16 + k) * 16, h.Fine(c, k, 0), static_cast<uint16_t>(g.diameter));
+    h.last_updated[c * 16 + k] = 0;
   }
-  const __m128i lanes_lo = _mm_setr_epi16(0, 1, 2, 3, 4, 5, 6, 7),
-                lanes_hi = _mm_setr_epi16(8, 9, 10, 11, 12, 13, 14, 15);
+
+  const __m128i lanes_lo = _mm_setr_epi16(0, 1, 2, 3, 4, 5, 6, 7);
+  const __m128i lanes_hi = _mm_setr_epi16(8, 9, 10, 11, 12, 13, 14, 15);
   const __m128i rank = _mm_set1_epi16(static_cast<int16_t>(Rank));
+  const uint16_t* coarse = h.Coarse(c, 0);
   // One output pixel; add and sub are the columns min(x + Radius, Width - 1)
   // and max(x - Radius - 1, 0) that enter and leave the window.
   auto pixel = [&](long long x, long long add, long long sub) __attribute__((always_inline)) {
-#pragma GCC unroll 4
-    for (int c = 0; c < Channels; ++c) {
-      ChannelState& s = st[c];
-      const __m128i* pa = reinterpret_cast<const __m128i*>(h.Coarse(c, add));
-      const __m128i* ps = reinterpret_cast<const __m128i*>(h.Coarse(c, sub));
-      const __m128i d_lo = _mm_sub_epi16(_mm_load_si128(pa), _mm_load_si128(ps));
-      const __m128i d_hi = _mm_sub_epi16(_mm_load_si128(pa + 1), _mm_load_si128(ps + 1));
-      s.coarse_lo = _mm_add_epi16(s.coarse_lo, d_lo);
-      s.coarse_hi = _mm_add_epi16(s.coarse_hi, d_hi);
-      int k = s.bin, b = -1;
-      if (k >= 0) {
-        const __m128i* fa = reinterpret_cast<const __m128i*>(s.fine + add * 16);
-        const __m128i* fs = reinterpret_cast<const __m128i*>(s.fine + sub * 16);
-        s.seg_lo = _mm_add_epi16(s.seg_lo, _mm_sub_epi16(_mm_load_si128(fa), _mm_load_si128(fs)));
-        s.seg_hi = _mm_add_epi16(s.seg_hi, _mm_sub_epi16(_mm_load_si128(fa + 1), _mm_load_si128(fs + 1)));
-        const __m128i moved = _mm_add_epi16(_mm_and_si128(d_lo, s.below_lo), _mm_and_si128(d_hi, s.below_hi));
-        s.below = _mm_add_epi16(s.below, BroadcastSum16(moved));
-        // When the answer lies below the bin, Rank - below wraps to at least
-        // 65536 + Rank - Area, which no count of the segment exceeds.
-        const int above = AboveMask(s.seg_lo, s.seg_hi, _mm_sub_epi16(rank, s.below));
-        if (__builtin_expect(above != 0, 1)) {
-          b = __builtin_ctz(static_cast<unsigned>(above));
-        } else {
-          _mm_store_si128(reinterpret_cast<__m128i*>(h.win_fine + (c * 16 + k) * 16), s.seg_lo);
-          _mm_store_si128(reinterpret_cast<__m128i*>(h.win_fine + (c * 16 + k) * 16 + 8), s.seg_hi);
-          h.last_updated[c * 16 + k] = x + R + 1;
-        }
+    const __m128i* pa = reinterpret_cast<const __m128i*>(coarse + add * 16);
+    const __m128i* ps = reinterpret_cast<const __m128i*>(coarse + sub * 16);
+    const __m128i d_lo = _mm_sub_epi16(_mm_load_si128(pa), _mm_load_si128(ps));
+    const __m128i d_hi = _mm_sub_epi16(_mm_load_si128(pa + 1), _mm_load_si128(ps + 1));
+    s.coarse_lo = _mm_add_epi16(s.coarse_lo, d_lo);
+    s.coarse_hi = _mm_add_epi16(s.coarse_hi, d_hi);
+    int k = s.bin, b = -1;
+    if (k >= 0) {
+      const __m128i* fa = reinterpret_cast<const __m128i*>(s.fine + add * 16);
+      const __m128i* fs = reinterpret_cast<const __m128i*>(s.fine + sub * 16);
+      s.seg_lo = _mm_add_epi16(s.seg_lo, _mm_sub_epi16(_mm_load_si128(fa), _mm_load_si128(fs)));
+      s.seg_hi = _mm_add_epi16(s.seg_hi, _mm_sub_epi16(_mm_load_si128(fa + 1), _mm_load_si128(fs + 1)));
+      const __m128i moved = _mm_add_epi16(_mm_and_si128(d_lo, s.below_lo), _mm_and_si128(d_hi, s.below_hi));
+      s.below = _mm_add_epi16(s.below, BroadcastSum16(moved));
+      // When the answer lies below the bin, Rank - below wraps to at least
+      // 65536 + Rank - Area, which no count of the segment exceeds.
+      const int above = AboveMask(s.seg_lo, s.seg_hi, _mm_sub_epi16(rank, s.below));
+      if (__builtin_expect(above != 0, 1)) {
+        b = __builtin_ctz(static_cast<unsigned>(above));
+      } else {
+        _mm_store_si128(reinterpret_cast<__m128i*>(h.win_fine + (c * 16 + k) * 16), s.seg_lo);
+        _mm_store_si128(reinterpret_cast<__m128i*>(h.win_fine + (c * 16 + k) * 16 + 8), s.seg_hi);
+        h.last_updated[c * 16 + k] = x + R + 1;
       }
-      if (b < 0) {
-        uint16_t* wc = h.win_coarse + c * 16;
-        _mm_store_si128(reinterpret_cast<__m128i*>(wc), s.coarse_lo);
-        _mm_store_si128(reinterpret_cast<__m128i*>(wc + 8), s.coarse_hi);
-        unsigned sum = 0;
-        if (Narrow) {
-          k = FirstAbove(wc, Rank, &sum);
-        } else {
-          for (k = 0; k < 15; ++k) {
-            if (sum + wc[k] > Rank) break;
-            sum += wc[k];
-          }
-        }
-        // k stops at 15 even when the counters have wrapped (Radius 128 and
-        // more) and no bin passes the rank; so does b below.
-        const uint16_t* seg = CatchUp(h, g, c, k, x, add, sub);
-        if (Narrow) {
-          s.seg_lo = _mm_load_si128(reinterpret_cast<const __m128i*>(seg));
-          s.seg_hi = _mm_load_si128(reinterpret_cast<const __m128i*>(seg + 8));
-          s.below = _mm_set1_epi16(static_cast<int16_t>(sum));
-          s.bin = k;
-          s.fine = h.Fine(c, k, 0);
-          const __m128i kk = _mm_set1_epi16(static_cast<int16_t>(k));
-          s.below_lo = _mm_cmpgt_epi16(kk, lanes_lo);
-          s.below_hi = _mm_cmpgt_epi16(kk, lanes_hi);
-          b = __builtin_ctz(static_cast<unsigned>(AboveMask(s.seg_lo, s.seg_hi, _mm_sub_epi16(rank, s.below))));
-        } else {
-          for (b = 0; b < 15; ++b) {
-            sum += seg[b];
-            if (sum > Rank) break;
-          }
-        }
-      }
-      Out[x * Channel + c] = static_cast<unsigned char>(16 * k + b);
     }
+    if (b < 0) {
+      _mm_store_si128(reinterpret_cast<__m128i*>(wc), s.coarse_lo);
+      _mm_store_si128(reinterpret_cast<__m128i*>(wc + 8), s.coarse_hi);
+      unsigned sum = 0;
+      if (Narrow) {
+        k = FirstAbove(wc, Rank, &sum);
+      } else {
+        for (k = 0; k < 15; ++k) {
+          if (sum + wc[k] > Rank) break;
+          sum += wc[k];
+        }
+      }
+      // k stops at 15 even when the counters have wrapped (Radius 128 and
+      // more) and no bin passes the rank; so does b below.
+      const uint16_t* seg = CatchUp(h, g, c, k, x, add, sub);
+      if (Narrow) {
+        s.seg_lo = _mm_load_si128(reinterpret_cast<const __m128i*>(seg));
+        s.seg_hi = _mm_load_si128(reinterpret_cast<const __m128i*>(seg + 8));
+        s.below = _mm_set1_epi16(static_cast<int16_t>(sum));
+        s.bin = k;
+        s.fine = h.Fine(c, k, 0);
+        const __m128i kk = _mm_set1_epi16(static_cast<int16_t>(k));
+        s.below_lo = _mm_cmpgt_epi16(kk, lanes_lo);
+        s.below_hi = _mm_cmpgt_epi16(kk, lanes_hi);
+        b = __builtin_ctz(static_cast<unsigned>(AboveMask(s.seg_lo, s.seg_hi, _mm_sub_epi16(rank, s.below))));
+      } else {
+        for (b = 0; b < 15; ++b) {
+          sum += seg[b];
+          if (sum > Rank) break;
+        }
+      }
+    }
+    Out[x * Channel] = static_cast<unsigned char>(16 * k + b);
   };
   // The same window in three spans, so that the middle one, where no column
   // is clamped, needs no limits.
@@ -498,10 +497,10 @@ int MedianBlurHistogram(const unsigned char* Src, unsigned char* Dest, int Width
     unsigned char* out = Dest + size_t(y) * Stride;
     if (channels == 1) {
       ReplaceRow<1>(h, fine_offset, leaving, entering, Width, Channel);
-      FilterRow<1>(h, g, rank, narrow, out, Channel);
+      FilterRow(h, g, 0, rank, narrow, out, Channel);
     } else {
       ReplaceRow<3>(h, fine_offset, leaving, entering, Width, Channel);
-      FilterRow<3>(h, g, rank, narrow, out, Channel);
+      for (int c = 0; c < 3; ++c) FilterRow(h, g, c, rank, narrow, out + c, Channel);
     }
     if (Channel == 4)
       for (int x = 0; x < Width; ++x) out[x * 4 + 3] = Src[size_t(y) * Stride + x * 4 + 3];
