@@ -68,28 +68,29 @@ inline T Median9(T* p) {
 
 // Thirteenth smallest of 25 by a 99-exchange selection network, written out
 // with constant indices so that the samples can stay in registers.
-#define QV_NET25(X)                                                                                                    \
-  X(0, 1)                                                                                                              \
-  X(3, 4)                                                                                                              \
-  X(2, 4)                                                                                                              \
-  X(2, 3)                                                                                                              \
-  X(6, 7)                                                                                                              \
-  X(5, 7)                                                                                                              \
-  X(5, 6)                                                                                                              \
-  X(9, 10)                                                                                                             \
-  X(8, 10)                                                                                                             \
-  X(8, 9)                                                                                                              \
-  X(12, 13)                                                                                                            \
-  X(11, 13)                                                                                                            \
-  X(11, 12) X(15, 16) X(14, 16) X(14, 15) X(18, 19) X(17, 19) X(17, 18) X(21, 22) X(20, 22) X(20, 21) X(23, 24)        \
-      X(2, 5) X(3, 6) X(0, 6) X(0, 3) X(4, 7) X(1, 7) X(1, 4) X(11, 14) X(8, 14) X(8, 11) X(12, 15) X(9, 15) X(9, 12)  \
-          X(13, 16) X(10, 16) X(10, 13) X(20, 23) X(17, 23) X(17, 20) X(21, 24) X(18, 24) X(18, 21) X(19, 22) X(8, 17) \
-              X(9, 18) X(0, 18) X(0, 9) X(10, 19) X(1, 19) X(1, 10) X(11, 20) X(2, 20) X(2, 11) X(12, 21) X(3, 21)     \
-                  X(3, 12) X(13, 22) X(4, 22) X(4, 13) X(14, 23) X(5, 23) X(5, 14) X(15, 24) X(6, 24) X(6, 15)         \
-                      X(7, 16) X(7, 19) X(13, 21) X(15, 23) X(7, 13) X(7, 15) X(1, 9) X(3, 11) X(5, 17) X(11, 17)      \
-                          X(9, 17) X(4, 10) X(6, 12) X(7, 14) X(4, 6) X(4, 7) X(12, 14) X(10, 14) X(6, 7) X(10, 12)    \
-                              X(6, 10) X(6, 17) X(12, 17) X(7, 17) X(7, 10) X(12, 18) X(7, 12) X(10, 18) X(12, 20)     \
-                                  X(10, 20) X(10, 12)
+#define QV_NET25(X)                                                                                                   \
+  X(0, 1)                                                                                                             \
+  X(3, 4)                                                                                                             \
+  X(2, 4)                                                                                                             \
+  X(2, 3)                                                                                                             \
+  X(6, 7)                                                                                                             \
+  X(5, 7)                                                                                                             \
+  X(5, 6)                                                                                                             \
+  X(9, 10)                                                                                                            \
+  X(8, 10)                                                                                                            \
+  X(8, 9)                                                                                                             \
+  X(12, 13)                                                                                                           \
+  X(11, 13)                                                                                                           \
+  X(11, 12)                                                                                                           \
+  X(15, 16) X(14, 16) X(14, 15) X(18, 19) X(17, 19) X(17, 18) X(21, 22) X(20, 22) X(20, 21) X(23, 24) X(2, 5) X(3, 6) \
+      X(0, 6) X(0, 3) X(4, 7) X(1, 7) X(1, 4) X(11, 14) X(8, 14) X(8, 11) X(12, 15) X(9, 15) X(9, 12) X(13, 16)       \
+          X(10, 16) X(10, 13) X(20, 23) X(17, 23) X(17, 20) X(21, 24) X(18, 24) X(18, 21) X(19, 22) X(8, 17) X(9, 18) \
+              X(0, 18) X(0, 9) X(10, 19) X(1, 19) X(1, 10) X(11, 20) X(2, 20) X(2, 11) X(12, 21) X(3, 21) X(3, 12)    \
+                  X(13, 22) X(4, 22) X(4, 13) X(14, 23) X(5, 23) X(5, 14) X(15, 24) X(6, 24) X(6, 15) X(7, 16)        \
+                      X(7, 19) X(13, 21) X(15, 23) X(7, 13) X(7, 15) X(1, 9) X(3, 11) X(5, 17) X(11, 17) X(9, 17)     \
+                          X(4, 10) X(6, 12) X(7, 14) X(4, 6) X(4, 7) X(12, 14) X(10, 14) X(6, 7) X(10, 12) X(6, 10)   \
+                              X(6, 17) X(12, 17) X(7, 17) X(7, 10) X(12, 18) X(7, 12) X(10, 18) X(12, 20) X(10, 20)   \
+                                  X(10, 12)
 
 template <typename T>
 inline T Median25(T* p) {
@@ -191,15 +192,20 @@ inline void PrefixSums(__m128i& A, __m128i& B) {
   B = _mm_add_epi16(B, _mm_unpackhi_epi64(top, top));
 }
 
+// Bit i set where running sum i, in Lo (0-7) and Hi (8-15), exceeds Limit.
+inline int AboveMaskOfSums(__m128i Lo, __m128i Hi, __m128i Limit) {
+  // prefix > Limit exactly where the saturating difference is not zero.
+  const __m128i zero = _mm_setzero_si128();
+  const __m128i at_most = _mm_packs_epi16(_mm_cmpeq_epi16(_mm_subs_epu16(Lo, Limit), zero),
+                                          _mm_cmpeq_epi16(_mm_subs_epu16(Hi, Limit), zero));
+  return ~_mm_movemask_epi8(at_most) & 0xFFFF;
+}
+
 // Bit i set where the running sum through bin i exceeds Limit (all sums
 // below 65536).
 inline int AboveMask(__m128i Lo, __m128i Hi, __m128i Limit) {
   PrefixSums(Lo, Hi);
-  const __m128i lim = Limit, zero = _mm_setzero_si128();
-  // prefix > Limit exactly where the saturating difference is not zero.
-  const __m128i at_most =
-      _mm_packs_epi16(_mm_cmpeq_epi16(_mm_subs_epu16(Lo, lim), zero), _mm_cmpeq_epi16(_mm_subs_epu16(Hi, lim), zero));
-  return ~_mm_movemask_epi8(at_most) & 0xFFFF;
+  return AboveMaskOfSums(Lo, Hi, Limit);
 }
 
 // The first of 16 bins whose running sum exceeds Limit, or 15 if none does;
@@ -207,9 +213,9 @@ inline int AboveMask(__m128i Lo, __m128i Hi, __m128i Limit) {
 inline int FirstAbove(const uint16_t* Hist, unsigned Limit, unsigned* Before) {
   const __m128i* h = reinterpret_cast<const __m128i*>(Hist);
   __m128i a = _mm_load_si128(h), b = _mm_load_si128(h + 1);
-  const int above = AboveMask(a, b, _mm_set1_epi16(static_cast<int16_t>(Limit)));
-  const int k = above != 0 ? __builtin_ctz(static_cast<unsigned>(above)) : 15;
   PrefixSums(a, b);
+  const int above = AboveMaskOfSums(a, b, _mm_set1_epi16(static_cast<int16_t>(Limit)));
+  const int k = above != 0 ? __builtin_ctz(static_cast<unsigned>(above)) : 15;
   alignas(16) uint16_t prefix[16];
   _mm_store_si128(reinterpret_cast<__m128i*>(prefix), a);
   _mm_store_si128(reinterpret_cast<__m128i*>(prefix + 8), b);
