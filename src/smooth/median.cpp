@@ -68,29 +68,29 @@ inline T Median9(T* p) {
 
 // Thirteenth smallest of 25 by a 99-exchange selection network, written out
 // with constant indices so that the samples can stay in registers.
-#define QV_NET25(X)                                                                                                   \
-  X(0, 1)                                                                                                             \
-  X(3, 4)                                                                                                             \
-  X(2, 4)                                                                                                             \
-  X(2, 3)                                                                                                             \
-  X(6, 7)                                                                                                             \
-  X(5, 7)                                                                                                             \
-  X(5, 6)                                                                                                             \
-  X(9, 10)                                                                                                            \
-  X(8, 10)                                                                                                            \
-  X(8, 9)                                                                                                             \
-  X(12, 13)                                                                                                           \
-  X(11, 13)                                                                                                           \
-  X(11, 12)                                                                                                           \
-  X(15, 16) X(14, 16) X(14, 15) X(18, 19) X(17, 19) X(17, 18) X(21, 22) X(20, 22) X(20, 21) X(23, 24) X(2, 5) X(3, 6) \
-      X(0, 6) X(0, 3) X(4, 7) X(1, 7) X(1, 4) X(11, 14) X(8, 14) X(8, 11) X(12, 15) X(9, 15) X(9, 12) X(13, 16)       \
-          X(10, 16) X(10, 13) X(20, 23) X(17, 23) X(17, 20) X(21, 24) X(18, 24) X(18, 21) X(19, 22) X(8, 17) X(9, 18) \
-              X(0, 18) X(0, 9) X(10, 19) X(1, 19) X(1, 10) X(11, 20) X(2, 20) X(2, 11) X(12, 21) X(3, 21) X(3, 12)    \
-                  X(13, 22) X(4, 22) X(4, 13) X(14, 23) X(5, 23) X(5, 14) X(15, 24) X(6, 24) X(6, 15) X(7, 16)        \
-                      X(7, 19) X(13, 21) X(15, 23) X(7, 13) X(7, 15) X(1, 9) X(3, 11) X(5, 17) X(11, 17) X(9, 17)     \
-                          X(4, 10) X(6, 12) X(7, 14) X(4, 6) X(4, 7) X(12, 14) X(10, 14) X(6, 7) X(10, 12) X(6, 10)   \
-                              X(6, 17) X(12, 17) X(7, 17) X(7, 10) X(12, 18) X(7, 12) X(10, 18) X(12, 20) X(10, 20)   \
-                                  X(10, 12)
+#define QV_NET25(X)                                                                                                  \
+  X(0, 1)                                                                                                            \
+  X(3, 4)                                                                                                            \
+  X(2, 4)                                                                                                            \
+  X(2, 3)                                                                                                            \
+  X(6, 7)                                                                                                            \
+  X(5, 7)                                                                                                            \
+  X(5, 6)                                                                                                            \
+  X(9, 10)                                                                                                           \
+  X(8, 10)                                                                                                           \
+  X(8, 9)                                                                                                            \
+  X(12, 13)                                                                                                          \
+  X(11, 13)                                                                                                          \
+  X(11, 12)                                                                                                          \
+  X(15, 16)                                                                                                          \
+  X(14, 16) X(14, 15) X(18, 19) X(17, 19) X(17, 18) X(21, 22) X(20, 22) X(20, 21) X(23, 24) X(2, 5) X(3, 6) X(0, 6)  \
+      X(0, 3) X(4, 7) X(1, 7) X(1, 4) X(11, 14) X(8, 14) X(8, 11) X(12, 15) X(9, 15) X(9, 12) X(13, 16) X(10, 16)    \
+          X(10, 13) X(20, 23) X(17, 23) X(17, 20) X(21, 24) X(18, 24) X(18, 21) X(19, 22) X(8, 17) X(9, 18) X(0, 18) \
+              X(0, 9) X(10, 19) X(1, 19) X(1, 10) X(11, 20) X(2, 20) X(2, 11) X(12, 21) X(3, 21) X(3, 12) X(13, 22)  \
+                  X(4, 22) X(4, 13) X(14, 23) X(5, 23) X(5, 14) X(15, 24) X(6, 24) X(6, 15) X(7, 16) X(7, 19)        \
+                      X(13, 21) X(15, 23) X(7, 13) X(7, 15) X(1, 9) X(3, 11) X(5, 17) X(11, 17) X(9, 17) X(4, 10)    \
+                          X(6, 12) X(7, 14) X(4, 6) X(4, 7) X(12, 14) X(10, 14) X(6, 7) X(10, 12) X(6, 10) X(6, 17)  \
+                              X(12, 17) X(7, 17) X(7, 10) X(12, 18) X(7, 12) X(10, 18) X(12, 20) X(10, 20) X(10, 12)
 
 template <typename T>
 inline T Median25(T* p) {
@@ -285,19 +285,32 @@ struct Geometry {
 };
 
 // Brings segment k of channel c up to the window of column x (columns x -
-// Radius to x + Radius, the edge columns repeated) from an older state.
+// Radius to x + Radius, the edge columns repeated) from an older state. The
+// sums run in registers: through memory each column would wait for the store
+// of the one before.
 __attribute__((noinline)) void CatchUpFar(const Histograms& h, const Geometry& g, int c, int k, long long x) {
   uint16_t* seg = h.win_fine + (c * 16 + k) * 16;
   int64_t& last = h.last_updated[c * 16 + k];
   const long long left = x - g.radius, right = x + g.radius;
   const int Width = g.width;
+  const __m128i* fine = reinterpret_cast<const __m128i*>(h.Fine(c, k, 0));
+  __m128i lo = _mm_load_si128(reinterpret_cast<const __m128i*>(seg));
+  __m128i hi = _mm_load_si128(reinterpret_cast<const __m128i*>(seg + 8));
   if (last <= left) {
-    std::memset(seg, 0, 32);
+    // Nothing in common with the present window: sum it afresh. last is
+    // never negative, so neither is left here; columns past the image are
+    // column Width - 1.
     const long long end = right + 1 < Width ? right + 1 : Width;
-    // last is never negative, so neither is left here; columns past the
-    // image are column Width - 1.
-    for (long long j = left; j < end; ++j) AddHist(seg, h.Fine(c, k, j));
-    if (right + 1 > Width) AddHistWeighted(seg, h.Fine(c, k, Width - 1), static_cast<uint16_t>(right + 1 - Width));
+    lo = hi = _mm_setzero_si128();
+    for (long long j = left; j < end; ++j) {
+      lo = _mm_add_epi16(lo, _mm_load_si128(fine + 2 * j));
+      hi = _mm_add_epi16(hi, _mm_load_si128(fine + 2 * j + 1));
+    }
+    if (right + 1 > Width) {
+      const __m128i n = _mm_set1_epi16(static_cast<int16_t>(right + 1 - Width));
+      lo = _mm_add_epi16(lo, _mm_mullo_epi16(_mm_load_si128(fine + 2 * (Width - 1)), n));
+      hi = _mm_add_epi16(hi, _mm_mullo_epi16(_mm_load_si128(fine + 2 * (Width - 1) + 1), n));
+    }
   } else {
     for (long long L = last; L < right + 1; ++L) {
       if (L >= Width - 1 && L <= g.diameter) {
@@ -306,16 +319,22 @@ __attribute__((noinline)) void CatchUpFar(const Histograms& h, const Geometry& g
         // counters wrap alike). A Radius far beyond the image then costs no
         // more than the image's width, not Radius.
         const long long stop = right + 1 < g.diameter + 1 ? right + 1 : g.diameter + 1;
-        const uint16_t n = static_cast<uint16_t>(stop - L);
-        AddHistWeighted(seg, h.Fine(c, k, Width - 1), n);
-        AddHistWeighted(seg, h.Fine(c, k, 0), static_cast<uint16_t>(0u - n));
+        const __m128i n = _mm_set1_epi16(static_cast<int16_t>(static_cast<uint16_t>(stop - L)));
+        const __m128i* add = fine + 2 * (Width - 1);
+        lo = _mm_add_epi16(lo, _mm_mullo_epi16(_mm_sub_epi16(_mm_load_si128(add), _mm_load_si128(fine)), n));
+        hi = _mm_add_epi16(hi, _mm_mullo_epi16(_mm_sub_epi16(_mm_load_si128(add + 1), _mm_load_si128(fine + 1)), n));
         L = stop - 1;
         continue;
       }
       const long long s = L - g.diameter;
-      StepHist(seg, h.Fine(c, k, L < Width - 1 ? L : Width - 1), h.Fine(c, k, s > 0 ? s : 0));
+      const __m128i* add = fine + 2 * (L < Width - 1 ? L : Width - 1);
+      const __m128i* sub = fine + 2 * (s > 0 ? s : 0);
+      lo = _mm_add_epi16(lo, _mm_sub_epi16(_mm_load_si128(add), _mm_load_si128(sub)));
+      hi = _mm_add_epi16(hi, _mm_sub_epi16(_mm_load_si128(add + 1), _mm_load_si128(sub + 1)));
     }
   }
+  _mm_store_si128(reinterpret_cast<__m128i*>(seg), lo);
+  _mm_store_si128(reinterpret_cast<__m128i*>(seg + 8), hi);
   last = right + 1;
 }
 
