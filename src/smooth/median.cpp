@@ -68,6 +68,7 @@ inline T Median9(T* p) {
 
 // Thirteenth smallest of 25 by a 99-exchange selection network, written out
 // with constant indices so that the samples can stay in registers.
+// clang-format off
 #define QV_NET25(X)                                                                                                    \
   X(0, 1)                                                                                                              \
   X(3, 4)                                                                                                              \
@@ -81,6 +82,7 @@ inline T Median9(T* p) {
                               X(4, 10) X(6, 12) X(7, 14) X(4, 6) X(4, 7) X(12, 14) X(10, 14) X(6, 7) X(10, 12)         \
                                   X(6, 10) X(6, 17) X(12, 17) X(7, 17) X(7, 10) X(12, 18) X(7, 12) X(10, 18) X(12, 20) \
                                       X(10, 20) X(10, 12)
+// clang-format on
 
 template <typename T>
 inline T Median25(T* p) {
@@ -152,11 +154,14 @@ inline void AddHist(uint16_t* To, const uint16_t* From) {
   _mm_store_si128(t, _mm_add_epi16(_mm_load_si128(t), _mm_load_si128(f)));
   _mm_store_si128(t + 1, _mm_add_epi16(_mm_load_si128(t + 1), _mm_load_si128(f + 1)));
 }
-inline void SubHist(uint16_t* To, const uint16_t* From) {
+// To += Plus - Minus, wrapping at 16 bits.
+inline void StepHist(uint16_t* To, const uint16_t* Plus, const uint16_t* Minus) {
   __m128i* t = reinterpret_cast<__m128i*>(To);
-  const __m128i* f = reinterpret_cast<const __m128i*>(From);
-  _mm_store_si128(t, _mm_sub_epi16(_mm_load_si128(t), _mm_load_si128(f)));
-  _mm_store_si128(t + 1, _mm_sub_epi16(_mm_load_si128(t + 1), _mm_load_si128(f + 1)));
+  const __m128i* p = reinterpret_cast<const __m128i*>(Plus);
+  const __m128i* m = reinterpret_cast<const __m128i*>(Minus);
+  _mm_store_si128(t, _mm_add_epi16(_mm_load_si128(t), _mm_sub_epi16(_mm_load_si128(p), _mm_load_si128(m))));
+  _mm_store_si128(t + 1,
+                  _mm_add_epi16(_mm_load_si128(t + 1), _mm_sub_epi16(_mm_load_si128(p + 1), _mm_load_si128(m + 1))));
 }
 // To += From * Weight, wrapping at 16 bits.
 inline void AddHistWeighted(uint16_t* To, const uint16_t* From, uint16_t Weight) {
@@ -167,31 +172,54 @@ inline void AddHistWeighted(uint16_t* To, const uint16_t* From, uint16_t Weight)
   _mm_store_si128(t + 1, _mm_add_epi16(_mm_load_si128(t + 1), _mm_mullo_epi16(_mm_load_si128(f + 1), w)));
 }
 
+// Running sums of the 16 counters held in A (bins 0-7) and B (bins 8-15).
+inline void PrefixSums(__m128i& A, __m128i& B) {
+  A = _mm_add_epi16(A, _mm_slli_si128(A, 2));
+  B = _mm_add_epi16(B, _mm_slli_si128(B, 2));
+  A = _mm_add_epi16(A, _mm_slli_si128(A, 4));
+  B = _mm_add_epi16(B, _mm_slli_si128(B, 4));
+  A = _mm_add_epi16(A, _mm_slli_si128(A, 8));
+  B = _mm_add_epi16(B, _mm_slli_si128(B, 8));
+  const __m128i top = _mm_shufflehi_epi16(A, 0xFF);
+  B = _mm_add_epi16(B, _mm_unpackhi_epi64(top, top));
+}
+
+// Bit i set where running sum i, in Lo (0-7) and Hi (8-15), exceeds Limit.
+inline int AboveMaskOfSums(__m128i Lo, __m128i Hi, __m128i Limit) {
+  // prefix > Limit exactly where the saturating difference is not zero.
+  const __m128i zero = _mm_setzero_si128();
+  const __m128i at_most = _mm_packs_epi16(_mm_cmpeq_epi16(_mm_subs_epu16(Lo, Limit), zero),
+                                          _mm_cmpeq_epi16(_mm_subs_epu16(Hi, Limit), zero));
+  return ~_mm_movemask_epi8(at_most) & 0xFFFF;
+}
+
+// Bit i set where the running sum through bin i exceeds Limit (all sums
+// below 65536).
+inline int AboveMask(__m128i Lo, __m128i Hi, __m128i Limit) {
+  PrefixSums(Lo, Hi);
+  return AboveMaskOfSums(Lo, Hi, Limit);
+}
+
 // The first of 16 bins whose running sum exceeds Limit, or 15 if none does;
-// *Before receives the sum of the bins before it. All prefix sums must fit
-// 16 bits, which holds for windows of fewer than 65536 samples.
+// *Before receives the sum of the bins before it.
 inline int FirstAbove(const uint16_t* Hist, unsigned Limit, unsigned* Before) {
   const __m128i* h = reinterpret_cast<const __m128i*>(Hist);
   __m128i a = _mm_load_si128(h), b = _mm_load_si128(h + 1);
-  a = _mm_add_epi16(a, _mm_slli_si128(a, 2));
-  b = _mm_add_epi16(b, _mm_slli_si128(b, 2));
-  a = _mm_add_epi16(a, _mm_slli_si128(a, 4));
-  b = _mm_add_epi16(b, _mm_slli_si128(b, 4));
-  a = _mm_add_epi16(a, _mm_slli_si128(a, 8));
-  b = _mm_add_epi16(b, _mm_slli_si128(b, 8));
-  const __m128i top = _mm_shufflehi_epi16(a, 0xFF);
-  b = _mm_add_epi16(b, _mm_unpackhi_epi64(top, top));
-  // prefix > Limit exactly where the saturating difference is not zero.
-  const __m128i lim = _mm_set1_epi16(static_cast<int16_t>(Limit)), zero = _mm_setzero_si128();
-  const __m128i at_most =
-      _mm_packs_epi16(_mm_cmpeq_epi16(_mm_subs_epu16(a, lim), zero), _mm_cmpeq_epi16(_mm_subs_epu16(b, lim), zero));
-  const int above = ~_mm_movemask_epi8(at_most) & 0xFFFF;
+  PrefixSums(a, b);
+  const int above = AboveMaskOfSums(a, b, _mm_set1_epi16(static_cast<int16_t>(Limit)));
   const int k = above != 0 ? __builtin_ctz(static_cast<unsigned>(above)) : 15;
   alignas(16) uint16_t prefix[16];
   _mm_store_si128(reinterpret_cast<__m128i*>(prefix), a);
   _mm_store_si128(reinterpret_cast<__m128i*>(prefix + 8), b);
   *Before = k > 0 ? prefix[k - 1] : 0;
   return k;
+}
+
+// The sum of the 8 lanes in every lane, wrapping at 16 bits.
+inline __m128i BroadcastSum16(__m128i V) {
+  V = _mm_add_epi16(V, _mm_shuffle_epi32(V, 0x4E));
+  V = _mm_add_epi16(V, _mm_shuffle_epi32(V, 0xB1));
+  return _mm_add_epi16(V, _mm_shuffle_epi8(V, _mm_setr_epi8(2, 3, 0, 1, 6, 7, 4, 5, 10, 11, 8, 9, 14, 15, 12, 13)));
 }
 
 struct Histograms {
@@ -207,18 +235,232 @@ struct Histograms {
   uint16_t* Fine(int c, int k, long long x) const { return fine + ((size_t(c) * 16 + k) * width + size_t(x)) * 16; }
 };
 
-// Adds (Sign 1) or removes (Sign -1) one image row from the column histograms.
-void UpdateColumns(const Histograms& h, const unsigned char* Row, int Width, int Channel, int Channels, int Sign,
-                   uint16_t Weight) {
-  const uint16_t d = static_cast<uint16_t>(Sign > 0 ? Weight : -Weight);
+// Adds Weight copies of an image row to the column histograms.
+void AddRow(const Histograms& h, const unsigned char* Row, int Width, int Channel, int Channels, uint16_t Weight) {
   for (int x = 0; x < Width; ++x)
     for (int c = 0; c < Channels; ++c) {
       const int v = Row[x * Channel + c];
       uint16_t* co = h.Coarse(c, x) + (v >> 4);
       uint16_t* fi = h.Fine(c, v >> 4, x) + (v & 15);
-      *co = static_cast<uint16_t>(*co + d);
-      *fi = static_cast<uint16_t>(*fi + d);
+      *co = static_cast<uint16_t>(*co + Weight);
+      *fi = static_cast<uint16_t>(*fi + Weight);
     }
+}
+
+// One row leaves the column histograms and another enters; a sample equal to
+// the one it replaces changes nothing.
+template <int Channels>
+void ReplaceRow(const Histograms& h, const uint32_t* FineOffset, const unsigned char* Out, const unsigned char* In,
+                int Width, int Channel) {
+  for (int c = 0; c < Channels; ++c) {
+    uint16_t* coarse = h.coarse + size_t(c) * Width * 16;
+    uint16_t* fine = h.fine + size_t(c) * 16 * Width * 16;
+    const unsigned char* out = Out + c;
+    const unsigned char* in = In + c;
+    for (size_t x = 0; x < size_t(Width); ++x, out += Channel, in += Channel) {
+      const unsigned o = *out, i = *in;
+      if (o == i) continue;
+      uint16_t* co = coarse + x * 16;
+      co[o >> 4] = static_cast<uint16_t>(co[o >> 4] - 1);
+      co[i >> 4] = static_cast<uint16_t>(co[i >> 4] + 1);
+      uint16_t* fx = fine + x * 16;
+      fx[FineOffset[o]] = static_cast<uint16_t>(fx[FineOffset[o]] - 1);
+      fx[FineOffset[i]] = static_cast<uint16_t>(fx[FineOffset[i]] + 1);
+    }
+  }
+}
+
+struct Geometry {
+  int width;
+  long long radius;
+  long long diameter;
+};
+
+// Brings segment k of channel c up to the window of column x (columns x -
+// Radius to x + Radius, the edge columns repeated) from an older state. The
+// sums run in registers: through memory each column would wait for the store
+// of the one before.
+__attribute__((noinline)) void CatchUpFar(const Histograms& h, const Geometry& g, int c, int k, long long x) {
+  uint16_t* seg = h.win_fine + (c * 16 + k) * 16;
+  int64_t& last = h.last_updated[c * 16 + k];
+  const long long left = x - g.radius, right = x + g.radius;
+  const int Width = g.width;
+  const __m128i* fine = reinterpret_cast<const __m128i*>(h.Fine(c, k, 0));
+  __m128i lo = _mm_load_si128(reinterpret_cast<const __m128i*>(seg));
+  __m128i hi = _mm_load_si128(reinterpret_cast<const __m128i*>(seg + 8));
+  if (last <= left) {
+    // Nothing in common with the present window: sum it afresh. last is
+    // never negative, so neither is left here; columns past the image are
+    // column Width - 1.
+    const long long end = right + 1 < Width ? right + 1 : Width;
+    lo = hi = _mm_setzero_si128();
+    for (long long j = left; j < end; ++j) {
+      lo = _mm_add_epi16(lo, _mm_load_si128(fine + 2 * j));
+      hi = _mm_add_epi16(hi, _mm_load_si128(fine + 2 * j + 1));
+    }
+    if (right + 1 > Width) {
+      const __m128i n = _mm_set1_epi16(static_cast<int16_t>(right + 1 - Width));
+      lo = _mm_add_epi16(lo, _mm_mullo_epi16(_mm_load_si128(fine + 2 * (Width - 1)), n));
+      hi = _mm_add_epi16(hi, _mm_mullo_epi16(_mm_load_si128(fine + 2 * (Width - 1) + 1), n));
+    }
+  } else {
+    for (long long L = last; L < right + 1; ++L) {
+      if (L >= Width - 1 && L <= g.diameter) {
+        // Both columns clamped: every step of this run adds column Width - 1
+        // and takes column 0, so do the run as one weighted step (16-bit
+        // counters wrap alike). A Radius far beyond the image then costs no
+        // more than the image's width, not Radius.
+        const long long stop = right + 1 < g.diameter + 1 ? right + 1 : g.diameter + 1;
+        const __m128i n = _mm_set1_epi16(static_cast<int16_t>(static_cast<uint16_t>(stop - L)));
+        const __m128i* add = fine + 2 * (Width - 1);
+        lo = _mm_add_epi16(lo, _mm_mullo_epi16(_mm_sub_epi16(_mm_load_si128(add), _mm_load_si128(fine)), n));
+        hi = _mm_add_epi16(hi, _mm_mullo_epi16(_mm_sub_epi16(_mm_load_si128(add + 1), _mm_load_si128(fine + 1)), n));
+        L = stop - 1;
+        continue;
+      }
+      const long long s = L - g.diameter;
+      const __m128i* add = fine + 2 * (L < Width - 1 ? L : Width - 1);
+      const __m128i* sub = fine + 2 * (s > 0 ? s : 0);
+      lo = _mm_add_epi16(lo, _mm_sub_epi16(_mm_load_si128(add), _mm_load_si128(sub)));
+      hi = _mm_add_epi16(hi, _mm_sub_epi16(_mm_load_si128(add + 1), _mm_load_si128(sub + 1)));
+    }
+  }
+  _mm_store_si128(reinterpret_cast<__m128i*>(seg), lo);
+  _mm_store_si128(reinterpret_cast<__m128i*>(seg + 8), hi);
+  last = right + 1;
+}
+
+// The same, inline for the usual case of a segment that followed the
+// previous column: one column in, one out. Add and Sub are the columns
+// min(x + Radius, Width - 1) and max(x - Radius - 1, 0).
+inline uint16_t* CatchUp(const Histograms& h, const Geometry& g, int c, int k, long long x, long long Add,
+                         long long Sub) {
+  uint16_t* seg = h.win_fine + (c * 16 + k) * 16;
+  int64_t& last = h.last_updated[c * 16 + k];
+  if (last == x + g.radius) {
+    StepHist(seg, h.Fine(c, k, Add), h.Fine(c, k, Sub));
+    last = x + g.radius + 1;
+  } else if (last < x + g.radius) {
+    CatchUpFar(h, g, c, k, x);
+  }
+  return seg;
+}
+
+// The window's coarse histogram; the coarse bin of the last output, its fine
+// segment (kept here while the bin holds, the copy in win_fine being stale
+// until it is stored back) and the count of window samples in the bins below
+// it, in every lane.
+struct ChannelState {
+  __m128i coarse_lo, coarse_hi, seg_lo, seg_hi, below;
+  __m128i below_lo, below_hi;  // lanes of the coarse bins below bin
+  const uint16_t* fine;        // column fine histograms of bin
+  int bin;
+};
+
+// Filters one row of channel c on the histogram path; a channel at a time
+// keeps its whole state in registers. Below Radius 128 every count of a
+// window fits 16 bits and the searches are vector prefix sums; the answer
+// usually stays in the coarse bin of the previous column, so the count below
+// that bin is carried from column to column and only its fine segment is
+// stepped and searched, the coarse search being the fallback when the answer
+// moves to another bin. From Radius 128 on the counters can wrap: both levels
+// are walked from bin 0, stopping at bin 15 when no sum passes the rank.
+void FilterRow(const Histograms& h, const Geometry& g, int c, unsigned Rank, bool Narrow, unsigned char* Out,
+               int Channel) {
+  const int Width = g.width;
+  const long long R = g.radius;
+  // The window of column -1: Radius + 1 copies of column 0 and columns 0 to
+  // Radius - 1, those past the image being the last column.
+  uint16_t* wc = h.win_coarse + c * 16;
+  std::memset(wc, 0, 32);
+  AddHistWeighted(wc, h.Coarse(c, 0), static_cast<uint16_t>(R + 1));
+  for (long long j = 0; j < R && j < Width; ++j) AddHist(wc, h.Coarse(c, j));
+  if (R > Width) AddHistWeighted(wc, h.Coarse(c, Width - 1), static_cast<uint16_t>(R - Width));
+  ChannelState s;
+  s.coarse_lo = _mm_load_si128(reinterpret_cast<const __m128i*>(wc));
+  s.coarse_hi = _mm_load_si128(reinterpret_cast<const __m128i*>(wc + 8));
+  s.seg_lo = s.seg_hi = s.below = s.below_lo = s.below_hi = _mm_setzero_si128();
+  s.fine = nullptr;
+  s.bin = -1;
+  // Every segment as if the window stood wholly left of the image.
+  for (int k = 0; k < 16; ++k) {
+    std::memset(h.win_fine + (c * 16 + k) * 16, 0, 32);
+    AddHistWeighted(h.win_fine + (c * 16 + k) * 16, h.Fine(c, k, 0), static_cast<uint16_t>(g.diameter));
+    h.last_updated[c * 16 + k] = 0;
+  }
+
+  const __m128i lanes_lo = _mm_setr_epi16(0, 1, 2, 3, 4, 5, 6, 7);
+  const __m128i lanes_hi = _mm_setr_epi16(8, 9, 10, 11, 12, 13, 14, 15);
+  const __m128i rank = _mm_set1_epi16(static_cast<int16_t>(Rank));
+  const uint16_t* coarse = h.Coarse(c, 0);
+  // One output pixel; add and sub are the columns min(x + Radius, Width - 1)
+  // and max(x - Radius - 1, 0) that enter and leave the window.
+  auto pixel = [&](long long x, long long add, long long sub) __attribute__((always_inline)) {
+    const __m128i* pa = reinterpret_cast<const __m128i*>(coarse + add * 16);
+    const __m128i* ps = reinterpret_cast<const __m128i*>(coarse + sub * 16);
+    const __m128i d_lo = _mm_sub_epi16(_mm_load_si128(pa), _mm_load_si128(ps));
+    const __m128i d_hi = _mm_sub_epi16(_mm_load_si128(pa + 1), _mm_load_si128(ps + 1));
+    s.coarse_lo = _mm_add_epi16(s.coarse_lo, d_lo);
+    s.coarse_hi = _mm_add_epi16(s.coarse_hi, d_hi);
+    int k = s.bin, b = -1;
+    if (k >= 0) {
+      const __m128i* fa = reinterpret_cast<const __m128i*>(s.fine + add * 16);
+      const __m128i* fs = reinterpret_cast<const __m128i*>(s.fine + sub * 16);
+      s.seg_lo = _mm_add_epi16(s.seg_lo, _mm_sub_epi16(_mm_load_si128(fa), _mm_load_si128(fs)));
+      s.seg_hi = _mm_add_epi16(s.seg_hi, _mm_sub_epi16(_mm_load_si128(fa + 1), _mm_load_si128(fs + 1)));
+      const __m128i moved = _mm_add_epi16(_mm_and_si128(d_lo, s.below_lo), _mm_and_si128(d_hi, s.below_hi));
+      s.below = _mm_add_epi16(s.below, BroadcastSum16(moved));
+      // When the answer lies below the bin, Rank - below wraps to at least
+      // 65536 + Rank - Area, which no count of the segment exceeds.
+      const int above = AboveMask(s.seg_lo, s.seg_hi, _mm_sub_epi16(rank, s.below));
+      if (__builtin_expect(above != 0, 1)) {
+        b = __builtin_ctz(static_cast<unsigned>(above));
+      } else {
+        _mm_store_si128(reinterpret_cast<__m128i*>(h.win_fine + (c * 16 + k) * 16), s.seg_lo);
+        _mm_store_si128(reinterpret_cast<__m128i*>(h.win_fine + (c * 16 + k) * 16 + 8), s.seg_hi);
+        h.last_updated[c * 16 + k] = x + R + 1;
+      }
+    }
+    if (b < 0) {
+      _mm_store_si128(reinterpret_cast<__m128i*>(wc), s.coarse_lo);
+      _mm_store_si128(reinterpret_cast<__m128i*>(wc + 8), s.coarse_hi);
+      unsigned sum = 0;
+      if (Narrow) {
+        k = FirstAbove(wc, Rank, &sum);
+      } else {
+        for (k = 0; k < 15; ++k) {
+          if (sum + wc[k] > Rank) break;
+          sum += wc[k];
+        }
+      }
+      // k stops at 15 even when the counters have wrapped (Radius 128 and
+      // more) and no bin passes the rank; so does b below.
+      const uint16_t* seg = CatchUp(h, g, c, k, x, add, sub);
+      if (Narrow) {
+        s.seg_lo = _mm_load_si128(reinterpret_cast<const __m128i*>(seg));
+        s.seg_hi = _mm_load_si128(reinterpret_cast<const __m128i*>(seg + 8));
+        s.below = _mm_set1_epi16(static_cast<int16_t>(sum));
+        s.bin = k;
+        s.fine = h.Fine(c, k, 0);
+        const __m128i kk = _mm_set1_epi16(static_cast<int16_t>(k));
+        s.below_lo = _mm_cmpgt_epi16(kk, lanes_lo);
+        s.below_hi = _mm_cmpgt_epi16(kk, lanes_hi);
+        b = __builtin_ctz(static_cast<unsigned>(AboveMask(s.seg_lo, s.seg_hi, _mm_sub_epi16(rank, s.below))));
+      } else {
+        for (b = 0; b < 15; ++b) {
+          sum += seg[b];
+          if (sum > Rank) break;
+        }
+      }
+    }
+    Out[x * Channel] = static_cast<unsigned char>(16 * k + b);
+  };
+  // The same window in three spans, so that the middle one, where no column
+  // is clamped, needs no limits.
+  const long long w = Width, first = R + 1 < w ? R + 1 : w, middle = w - R > first ? w - R : first;
+  for (long long x = 0; x < first; ++x) pixel(x, x + R < w - 1 ? x + R : w - 1, 0);
+  for (long long x = first; x < middle; ++x) pixel(x, x + R, x - R - 1);
+  for (long long x = middle; x < w; ++x) pixel(x, x + R < w - 1 ? x + R : w - 1, x - R - 1 > 0 ? x - R - 1 : 0);
 }
 
 int MedianBlurHistogram(const unsigned char* Src, unsigned char* Dest, int Width, int Height, int Stride, int Radius,
@@ -252,98 +494,33 @@ int MedianBlurHistogram(const unsigned char* Src, unsigned char* Dest, int Width
   const unsigned area = diameter * diameter;
   const unsigned rank = Percent == 100 ? area - 1u : area * static_cast<unsigned>(Percent) / 100u;
   const long long R = Radius;
+  const Geometry g{Width, R, static_cast<long long>(diameter)};
   // Below Radius 128 every running sum of a window fits 16 bits.
-  const bool narrow_sums = Radius < 128;
+  const bool narrow = Radius < 128;
 
   // Row 0 counts Radius + 1 times (one of them leaves at the first row), then
   // rows 0 .. Radius - 1; past the image these repeat the last row.
-  UpdateColumns(h, Src, Width, Channel, channels, 1, static_cast<uint16_t>(R + 1));
-  for (long long j = 0; j < R && j < Height; ++j)
-    UpdateColumns(h, Src + size_t(j) * Stride, Width, Channel, channels, 1, 1);
+  AddRow(h, Src, Width, Channel, channels, static_cast<uint16_t>(R + 1));
+  for (long long j = 0; j < R && j < Height; ++j) AddRow(h, Src + size_t(j) * Stride, Width, Channel, channels, 1);
   if (R > Height)
-    UpdateColumns(h, Src + size_t(Height - 1) * Stride, Width, Channel, channels, 1, static_cast<uint16_t>(R - Height));
+    AddRow(h, Src + size_t(Height - 1) * Stride, Width, Channel, channels, static_cast<uint16_t>(R - Height));
 
+  // Where value v counts in the fine histograms of a column of one channel.
+  uint32_t fine_offset[256];
+  for (int v = 0; v < 256; ++v) fine_offset[v] = static_cast<uint32_t>((v >> 4) * Width * 16 + (v & 15));
   for (int y = 0; y < Height; ++y) {
-    UpdateColumns(h, Src + size_t(ClampRow(y - R - 1, Height)) * Stride, Width, Channel, channels, -1, 1);
-    UpdateColumns(h, Src + size_t(ClampRow(y + R, Height)) * Stride, Width, Channel, channels, 1, 1);
-    std::memset(h.win_coarse, 0, sizeof(uint16_t) * Channel * 16);
-    std::memset(h.win_fine, 0, sizeof(uint16_t) * Channel * 256);
-    std::memset(h.last_updated, 0, sizeof(int64_t) * Channel * 16);
-    for (int c = 0; c < channels; ++c) {
-      uint16_t* wc = h.win_coarse + c * 16;
-      // Radius copies of column 0 and columns 0 .. Radius - 1, those past the
-      // image being the last column.
-      AddHistWeighted(wc, h.Coarse(c, 0), static_cast<uint16_t>(R));
-      for (long long j = 0; j < R && j < Width; ++j) AddHist(wc, h.Coarse(c, j));
-      if (R > Width) AddHistWeighted(wc, h.Coarse(c, Width - 1), static_cast<uint16_t>(R - Width));
-      // Every segment as if the window stood wholly left of the image.
-      for (int k = 0; k < 16; ++k) AddHistWeighted(h.win_fine + (c * 16 + k) * 16, h.Fine(c, k, 0), uint16_t(diameter));
-    }
-
+    const unsigned char* leaving = Src + size_t(ClampRow(y - R - 1, Height)) * Stride;
+    const unsigned char* entering = Src + size_t(ClampRow(y + R, Height)) * Stride;
     unsigned char* out = Dest + size_t(y) * Stride;
-    for (int x = 0; x < Width; ++x) {
-      const long long left = x - R, right = x + R;
-      const long long add_col = right < Width - 1 ? right : Width - 1;
-      const long long sub_col = left > 0 ? left : 0;
-      for (int c = 0; c < channels; ++c) {
-        uint16_t* wc = h.win_coarse + c * 16;
-        AddHist(wc, h.Coarse(c, add_col));
-        unsigned sum = 0;
-        int k = 0;
-        if (narrow_sums) {
-          k = FirstAbove(wc, rank, &sum);
-        } else {
-          for (; k < 15; ++k) {
-            if (sum + wc[k] > rank) break;
-            sum += wc[k];
-          }
-        }
-        // k stops at 15 even when the counters have wrapped (Radius 128 and
-        // more) and no bin passes the rank; so does b below.
-        uint16_t* seg = h.win_fine + (c * 16 + k) * 16;
-        int64_t& last = h.last_updated[c * 16 + k];
-        if (last <= left) {
-          std::memset(seg, 0, 32);
-          const long long end = right + 1 < Width ? right + 1 : Width;
-          for (long long j = left; j < end; ++j) AddHist(seg, h.Fine(c, k, j));
-          if (right + 1 > Width)
-            AddHistWeighted(seg, h.Fine(c, k, Width - 1), static_cast<uint16_t>(right + 1 - Width));
-          last = right + 1;
-        } else {
-          for (long long L = last; L < right + 1; ++L) {
-            if (L >= Width - 1 && L <= static_cast<long long>(diameter)) {
-              // Both columns clamped: every step of this run adds column
-              // Width - 1 and takes column 0, so do the run as one weighted
-              // step (16-bit counters wrap alike). A Radius far beyond the
-              // image then costs no more than the image's width, not Radius.
-              const long long stop = right + 1 < static_cast<long long>(diameter) + 1 ? right + 1 : diameter + 1;
-              const uint16_t n = static_cast<uint16_t>(stop - L);
-              AddHistWeighted(seg, h.Fine(c, k, Width - 1), n);
-              AddHistWeighted(seg, h.Fine(c, k, 0), static_cast<uint16_t>(0u - n));
-              L = stop - 1;
-              continue;
-            }
-            AddHist(seg, h.Fine(c, k, L < Width - 1 ? L : Width - 1));
-            const long long s = L - static_cast<long long>(diameter);
-            SubHist(seg, h.Fine(c, k, s > 0 ? s : 0));
-          }
-          last = right + 1;
-        }
-        SubHist(wc, h.Coarse(c, sub_col));
-        int b = 0;
-        if (narrow_sums) {
-          unsigned before = 0;
-          b = FirstAbove(seg, rank - sum, &before);
-        } else {
-          for (; b < 15; ++b) {
-            sum += seg[b];
-            if (sum > rank) break;
-          }
-        }
-        out[x * Channel + c] = static_cast<unsigned char>(16 * k + b);
-      }
-      if (Channel == 4) out[x * 4 + 3] = Src[size_t(y) * Stride + x * 4 + 3];
+    if (channels == 1) {
+      ReplaceRow<1>(h, fine_offset, leaving, entering, Width, Channel);
+      FilterRow(h, g, 0, rank, narrow, out, Channel);
+    } else {
+      ReplaceRow<3>(h, fine_offset, leaving, entering, Width, Channel);
+      for (int c = 0; c < 3; ++c) FilterRow(h, g, c, rank, narrow, out + c, Channel);
     }
+    if (Channel == 4)
+      for (int x = 0; x < Width; ++x) out[x * 4 + 3] = Src[size_t(y) * Stride + x * 4 + 3];
   }
   AlignedFree(h.coarse);
   AlignedFree(h.fine);

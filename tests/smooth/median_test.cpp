@@ -93,6 +93,81 @@ TEST(MedianBlur, RadiusFarBeyondTheImage) {
   }
 }
 
+// Values that sit on the edges of the 16-value bins and jump across them, so
+// that the answer leaves the bin of the previous column upwards and
+// downwards, lands on the first and last value of a bin, and does so for
+// windows of any size up to the largest without wrapping counters (Radius
+// 127, 65025 samples).
+TEST(MedianBlur, AnswersCrossingBinEdges) {
+  const unsigned char edges[] = {0, 15, 16, 31, 32, 127, 128, 143, 240, 255};
+  auto striped = [&](int w, int h, int c, int period) {
+    auto im = qvt::MakeImage(w, h, c, 1, false);
+    for (int y = 0; y < h; ++y)
+      for (int x = 0; x < w; ++x)
+        for (int k = 0; k < c; ++k) im.at(x, y, k) = edges[(x / period + y + k) % 10];
+    return im;
+  };
+  for (int c : {1, 3, 4}) {
+    for (int p : {0, 1, 50, 99, 100}) {
+      Check(striped(37, 9, c, 1), 3, p);
+      Check(striped(64, 7, c, 5), 7, p);
+    }
+    Check(striped(71, 6, c, 9), 20, 45);
+  }
+  // A dark half beside a bright one: far from the edge the answer falls from
+  // the bright bins to the dark ones with nearly a whole window below it.
+  auto halves = qvt::MakeImage(300, 2, 1, 0, false);
+  for (int x = 0; x < 300; ++x)
+    for (int y = 0; y < 2; ++y) halves.at(x, y, 0) = static_cast<unsigned char>(x < 150 ? 250 - x % 3 : 17 + x % 2);
+  for (int p : {10, 50, 97}) Check(halves, 127, p);
+}
+
+// From Radius 128 a window holds more than 65535 samples and its 16-bit
+// counts wrap; both walks then go over the wrapped counts from bin 0 and stop
+// at bin 15 when no sum passes the rank.
+TEST(MedianBlur, WindowCountsWrapFromRadius128) {
+  auto src = qvt::MakeImage(7, 5, 1, 0, false);
+  for (int y = 0; y < 5; ++y)
+    for (int x = 0; x < 7; ++x) src.at(x, y, 0) = static_cast<unsigned char>(100 + (x + y) % 7);
+  // Nearly all of a window is coarse bin 6, whose count passes 65535.
+  src.at(3, 2, 0) = 200;
+  src.at(2, 1, 0) = 9;
+  const int R = 130;
+  const long long d = 2 * R + 1, area = d * d;
+  int differs = 0;
+  for (int p : {0, 50, 100}) {
+    const unsigned T = static_cast<unsigned>(p == 100 ? area - 1 : area * p / 100);
+    auto dst = qvt::MakeImage(7, 5, 1);
+    ASSERT_EQ(QV_MedianBlur(src.ptr(), dst.ptr(), 7, 5, 7, R, p), STATUS_OK);
+    for (int y = 0; y < 5; ++y)
+      for (int x = 0; x < 7; ++x) {
+        long long hist[256] = {};
+        for (int dy = -R; dy <= R; ++dy)
+          for (int dx = -R; dx <= R; ++dx)
+            ++hist[src.at(std::min(std::max(x + dx, 0), 6), std::min(std::max(y + dy, 0), 4), 0)];
+        unsigned sum = 0;
+        int k = 0, b = 0;
+        for (; k < 15; ++k) {
+          long long bin = 0;
+          for (int j = 0; j < 16; ++j) bin += hist[16 * k + j];
+          const unsigned wrapped = static_cast<unsigned>(bin % 65536);
+          if (sum + wrapped > T) break;
+          sum += wrapped;
+        }
+        for (; b < 15; ++b) {
+          sum += static_cast<unsigned>(hist[16 * k + b] % 65536);
+          if (sum > T) break;
+        }
+        EXPECT_EQ(dst.at(x, y, 0), 16 * k + b) << x << " " << y << " p=" << p;
+        long long below = 0;
+        int v = 0;
+        while (below + hist[v] <= static_cast<long long>(T)) below += hist[v++];
+        differs += dst.at(x, y, 0) != v;
+      }
+  }
+  EXPECT_GT(differs, 0) << "no pixel shows the wrap";
+}
+
 // Percent 50 with Radius 3 runs the histograms, which keep the fourth
 // channel; Radius 2 runs the network, which filters it.
 TEST(MedianBlur, FourthChannelByPath) {
