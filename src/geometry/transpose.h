@@ -8,6 +8,8 @@
 
 #include <cstring>
 
+#include "frame/simd.h"
+
 namespace qv {
 
 static inline __m128i Load12(const unsigned char* p) {
@@ -20,16 +22,6 @@ static inline void Store12(unsigned char* p, __m128i v) {
   _mm_storel_epi64(reinterpret_cast<__m128i*>(p), v);
   const int last = _mm_extract_epi32(v, 2);
   std::memcpy(p + 8, &last, 4);
-}
-
-// In-register transpose of four rows of four dwords.
-static inline void TransposeDwords(__m128i& r0, __m128i& r1, __m128i& r2, __m128i& r3) {
-  const __m128i t0 = _mm_unpacklo_epi32(r0, r1), t1 = _mm_unpackhi_epi32(r0, r1);
-  const __m128i t2 = _mm_unpacklo_epi32(r2, r3), t3 = _mm_unpackhi_epi32(r2, r3);
-  r0 = _mm_unpacklo_epi64(t0, t2);
-  r1 = _mm_unpackhi_epi64(t0, t2);
-  r2 = _mm_unpacklo_epi64(t1, t3);
-  r3 = _mm_unpackhi_epi64(t1, t3);
 }
 
 // 8 rows of 8 bytes to 8 rows of 8 bytes: bytes, then words, then dwords.
@@ -58,7 +50,7 @@ static inline void Transpose3Tile(const unsigned char* Src, int SrcPitch, unsign
   __m128i r1 = _mm_shuffle_epi8(Load12(Src + SrcPitch), spread);
   __m128i r2 = _mm_shuffle_epi8(Load12(Src + 2 * SrcPitch), spread);
   __m128i r3 = _mm_shuffle_epi8(Load12(Src + 3 * SrcPitch), spread);
-  TransposeDwords(r0, r1, r2, r3);
+  Transpose4x4I32(r0, r1, r2, r3);
   Store12(Dest, _mm_shuffle_epi8(r0, close));
   Store12(Dest + DestPitch, _mm_shuffle_epi8(r1, close));
   Store12(Dest + 2 * DestPitch, _mm_shuffle_epi8(r2, close));
@@ -71,7 +63,7 @@ static inline void Transpose4Tile(const unsigned char* Src, int SrcPitch, unsign
   __m128i r1 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(Src + SrcPitch));
   __m128i r2 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(Src + 2 * SrcPitch));
   __m128i r3 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(Src + 3 * SrcPitch));
-  TransposeDwords(r0, r1, r2, r3);
+  Transpose4x4I32(r0, r1, r2, r3);
   _mm_storeu_si128(reinterpret_cast<__m128i*>(Dest), r0);
   _mm_storeu_si128(reinterpret_cast<__m128i*>(Dest + DestPitch), r1);
   _mm_storeu_si128(reinterpret_cast<__m128i*>(Dest + 2 * DestPitch), r2);

@@ -57,15 +57,15 @@ __attribute__((always_inline)) inline void Transpose16x16Bytes(__m128i R[16]) {
 // byte result written back over the entry.
 inline void StepEntry(unsigned char* Entry, __m128i& A0, __m128i& A1, __m128i Alpha) {
   const __m128i v = _mm_load_si128(reinterpret_cast<const __m128i*>(Entry));
-  A0 = ExpStepV(A0, WidenLoU8(v), Alpha);
-  A1 = ExpStepV(A1, WidenHiU8(v), Alpha);
+  A0 = ExpStepV(A0, WidenLoU8ToU16(v), Alpha);
+  A1 = ExpStepV(A1, WidenHiU8ToU16(v), Alpha);
   _mm_store_si128(reinterpret_cast<__m128i*>(Entry), _mm_packus_epi16(_mm_srai_epi16(A0, 7), _mm_srai_epi16(A1, 7)));
 }
 
 inline void StartEntry(const unsigned char* Entry, __m128i& A0, __m128i& A1) {
   const __m128i v = _mm_load_si128(reinterpret_cast<const __m128i*>(Entry));
-  A0 = _mm_slli_epi16(WidenLoU8(v), 7);
-  A1 = _mm_slli_epi16(WidenHiU8(v), 7);
+  A0 = _mm_slli_epi16(WidenLoU8ToU16(v), 7);
+  A1 = _mm_slli_epi16(WidenHiU8ToU16(v), 7);
 }
 
 // G groups of sixteen rows with C channels, both sweeps. The rows are
@@ -182,8 +182,8 @@ void ExpColumnSteps(const unsigned char* const* In, unsigned char* const* Out, i
 #pragma GCC unroll 4
     for (int k = 0; k < K; ++k) {
       const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(In[k] + x));
-      a0 = ExpStepV(a0, WidenLoU8(v), Alpha);
-      a1 = ExpStepV(a1, WidenHiU8(v), Alpha);
+      a0 = ExpStepV(a0, WidenLoU8ToU16(v), Alpha);
+      a1 = ExpStepV(a1, WidenHiU8ToU16(v), Alpha);
       _mm_storeu_si128(reinterpret_cast<__m128i*>(Out[k] + x),
                        _mm_packus_epi16(_mm_srai_epi16(a0, 7), _mm_srai_epi16(a1, 7)));
     }

@@ -103,7 +103,7 @@ void GaussRows8(const unsigned char* Src, unsigned char* Dest, int Width, int St
     for (int x = 0; x < block_end; x += 16) {
       __m128i q[4];
       for (int k = 0; k < 4; ++k) q[k] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(r[k] + x));
-      Transpose4x4Epi32(q[0], q[1], q[2], q[3]);
+      Transpose4x4I32(q[0], q[1], q[2], q[3]);
       for (int k = 0; k < 4; ++k) {
         const __m128i c = Transpose4x4Bytes(q[k]);  // four columns of four rows
         float* col = run + 4 * size_t(x + 4 * k);
@@ -127,8 +127,8 @@ void GaussRows8(const unsigned char* Src, unsigned char* Dest, int Width, int St
       __m128 a0 = _mm_load_ps(col), a1 = _mm_load_ps(col + 4), a2 = _mm_load_ps(col + 8), a3 = _mm_load_ps(col + 12);
       __m128 b0 = _mm_load_ps(col + 16), b1 = _mm_load_ps(col + 20), b2 = _mm_load_ps(col + 24),
              b3 = _mm_load_ps(col + 28);
-      Transpose4x4Ps(a0, a1, a2, a3);
-      Transpose4x4Ps(b0, b1, b2, b3);
+      Transpose4x4F32(a0, a1, a2, a3);
+      Transpose4x4F32(b0, b1, b2, b3);
       const __m128i r01 = _mm_packs_epi32(_mm_cvtps_epi32(a0), _mm_cvtps_epi32(b0));
       const __m128i r11 = _mm_packs_epi32(_mm_cvtps_epi32(a1), _mm_cvtps_epi32(b1));
       const __m128i r21 = _mm_packs_epi32(_mm_cvtps_epi32(a2), _mm_cvtps_epi32(b2));
@@ -322,7 +322,7 @@ void GaussRows8Float(const float* Src, float* Dest, int Width, float* In, float*
     for (int x = 0; x < block_end; x += 4) {
       __m128 a0 = _mm_loadu_ps(r[0] + x), a1 = _mm_loadu_ps(r[1] + x), a2 = _mm_loadu_ps(r[2] + x),
              a3 = _mm_loadu_ps(r[3] + x);
-      Transpose4x4Ps(a0, a1, a2, a3);
+      Transpose4x4F32(a0, a1, a2, a3);
       float* col = run + 4 * size_t(x);
       _mm_store_ps(col, a0);
       _mm_store_ps(col + 4, a1);
@@ -340,7 +340,7 @@ void GaussRows8Float(const float* Src, float* Dest, int Width, float* In, float*
     for (int x = 0; x < block_end; x += 4) {
       const float* col = run + 4 * size_t(x);
       __m128 a0 = _mm_load_ps(col), a1 = _mm_load_ps(col + 4), a2 = _mm_load_ps(col + 8), a3 = _mm_load_ps(col + 12);
-      Transpose4x4Ps(a0, a1, a2, a3);
+      Transpose4x4F32(a0, a1, a2, a3);
       _mm_storeu_ps(r[0] + x, a0);
       _mm_storeu_ps(r[1] + x, a1);
       _mm_storeu_ps(r[2] + x, a2);
