@@ -74,7 +74,7 @@ void Radii(benchmark::internal::Benchmark* b, std::initializer_list<int> radii) 
     for (int r : radii) b->Args({1920, 1080, c, r});
   b->ArgNames({"w", "h", "c", "r"})->Unit(benchmark::kMillisecond);
 }
-void RecursiveRadii(benchmark::internal::Benchmark* b) { Radii(b, {2, 10, 50, 200}); }
+void RecursiveRadii(benchmark::internal::Benchmark* b) { Radii(b, {2, 5, 10, 50, 200}); }
 void HalfRadii(benchmark::internal::Benchmark* b) {
   for (int c : {1, 3, 4}) b->Args({1920, 1080, c, 2});
   b->ArgNames({"w", "h", "c", "r"})->Unit(benchmark::kMillisecond);
