@@ -47,11 +47,13 @@ inline __m128 Recur(__m128 Ca, __m128 Cb, __m128 X, __m128 Xp, __m128 B1, __m128
 template <int S>
 void GaussKernelH(const float* In, float* Out, int N, size_t Pitch, const VecCoefs& v) {
   __m128 xp[S], y1[S], y2[S];
+#pragma GCC unroll 8
   for (int s = 0; s < S; ++s) {
     xp[s] = _mm_load_ps(In + s * Pitch);
     y1[s] = y2[s] = _mm_mul_ps(xp[s], v.cp);
   }
   for (int n = 0; n < N; ++n)
+#pragma GCC unroll 8
     for (int s = 0; s < S; ++s) {
       const __m128 x = _mm_load_ps(In + s * Pitch + 4 * size_t(n));
       const __m128 y = Recur(v.a0, v.a1, x, xp[s], v.b1, v.b2, y1[s], y2[s]);
@@ -61,11 +63,13 @@ void GaussKernelH(const float* In, float* Out, int N, size_t Pitch, const VecCoe
       xp[s] = x;
     }
   __m128 xn1[S], xn2[S], z1[S], z2[S];
+#pragma GCC unroll 8
   for (int s = 0; s < S; ++s) {
     xn1[s] = xn2[s] = _mm_load_ps(In + s * Pitch + 4 * size_t(N - 1));
     z1[s] = z2[s] = _mm_mul_ps(xn1[s], v.cn);
   }
   for (int n = N - 1; n >= 0; --n)
+#pragma GCC unroll 8
     for (int s = 0; s < S; ++s) {
       const __m128 z = Recur(v.a2, v.a3, xn1[s], xn2[s], v.b1, v.b2, z1[s], z2[s]);
       float* o = Out + s * Pitch + 4 * size_t(n);
@@ -90,13 +94,16 @@ void GaussFloatRowToBytes(const float* In, unsigned char* Out, int N) {
   for (int i = block_end; i < N; ++i) Out[i] = static_cast<unsigned char>(ClampToByte(TruncToInt(In[i] + 0.5f + 0.5f)));
 }
 
-// Eight single-channel rows: rows 4h..4h+3 form stream h, one column of a
-// stream being the four rows' samples of that column.
+// Groups of eight single-channel rows (G of them side by side): rows
+// 4h..4h+3 form stream h, one column of a stream being the four rows' samples
+// of that column. Each stream's arithmetic is the same whatever G is; more
+// streams only hide more of the recursion's latency.
+template <int G>
 void GaussRows8(const unsigned char* Src, unsigned char* Dest, int Width, int Stride, float* In, float* Out,
                 const VecCoefs& v) {
   const size_t pitch = size_t(Width) * 4;
   const int block_end = Width & ~15;
-  for (int h = 0; h < 2; ++h) {
+  for (int h = 0; h < 2 * G; ++h) {
     const unsigned char* r[4];
     for (int k = 0; k < 4; ++k) r[k] = Src + size_t(4 * h + k) * Stride;
     float* run = In + h * pitch;
@@ -116,9 +123,9 @@ void GaussRows8(const unsigned char* Src, unsigned char* Dest, int Width, int St
     for (int x = block_end; x < Width; ++x)
       for (int k = 0; k < 4; ++k) run[4 * size_t(x) + k] = r[k][x];
   }
-  GaussKernelH<2>(In, Out, Width, pitch, v);
+  GaussKernelH<2 * G>(In, Out, Width, pitch, v);
   const int body_end = Width & ~7;
-  for (int h = 0; h < 2; ++h) {
+  for (int h = 0; h < 2 * G; ++h) {
     unsigned char* r[4];
     for (int k = 0; k < 4; ++k) r[k] = Dest + size_t(4 * h + k) * Stride;
     const float* run = Out + h * pitch;
@@ -471,8 +478,10 @@ extern "C" QV_API int QV_GaussBlur(const unsigned char* Src, unsigned char* Dest
   const int n = Width * Channel;
   // Five float rows and one byte row; the rows are padded to 4 floats.
   const size_t pitch = (size_t(n) + 3) & ~size_t(3);
-  float* in = qv::AlignedArray<float>(size_t(Width) * 8, 16);
-  float* out = qv::AlignedArray<float>(size_t(Width) * 8, 16);
+  // The row buffers hold two groups of rows (16 gray rows, or 4 colour rows)
+  // so that the row recursions run four streams at once.
+  float* in = qv::AlignedArray<float>(size_t(Width) * 16, 16);
+  float* out = qv::AlignedArray<float>(size_t(Width) * 16, 16);
   float* lines = static_cast<float*>(qv::AlignedMalloc(pitch * 5 * sizeof(float) + size_t(n), 16));
   unsigned char* temp = static_cast<unsigned char*>(qv::AlignedMalloc(qv::RunBytes(Height, Stride), 16));
   if (in == nullptr || out == nullptr || lines == nullptr || temp == nullptr) {
@@ -486,14 +495,18 @@ extern "C" QV_API int QV_GaussBlur(const unsigned char* Src, unsigned char* Dest
   const size_t S = size_t(Stride);
   if (Channel == 1) {
     const int group_end = (Height / 8) * 8;
-    for (int y = 0; y < group_end; y += 8) qv::GaussRows8(Src + y * S, temp + y * S, Width, Stride, in, out, v);
-    for (int y = group_end; y < Height; ++y) qv::GaussRowScalar(Src + y * S, temp + y * S, Width, in, g);
+    int y = 0;
+    for (; y + 16 <= group_end; y += 16) qv::GaussRows8<2>(Src + y * S, temp + y * S, Width, Stride, in, out, v);
+    for (; y < group_end; y += 8) qv::GaussRows8<1>(Src + y * S, temp + y * S, Width, Stride, in, out, v);
+    for (; y < Height; ++y) qv::GaussRowScalar(Src + y * S, temp + y * S, Width, in, g);
   } else {
     const size_t pitch4 = size_t(Width) * 4;
-    for (int y = 0; y < Height; y += 2) {
-      const int rows = Height - y >= 2 ? 2 : 1;
+    for (int y = 0; y < Height;) {
+      const int rows = Height - y >= 4 ? 4 : (Height - y >= 2 ? 2 : 1);
       for (int k = 0; k < rows; ++k) qv::WidenPixels(Src + (y + k) * S, in + k * pitch4, Width, Channel);
-      if (rows == 2)
+      if (rows == 4)
+        qv::GaussKernelH<4>(in, out, Width, pitch4, v);
+      else if (rows == 2)
         qv::GaussKernelH<2>(in, out, Width, pitch4, v);
       else
         qv::GaussKernelH<1>(in, out, Width, pitch4, v);
@@ -503,6 +516,7 @@ extern "C" QV_API int QV_GaussBlur(const unsigned char* Src, unsigned char* Dest
         else
           qv::NarrowPixels3(out + k * pitch4, temp + (y + k) * S, Width);
       }
+      y += rows;
     }
   }
   qv::GaussColumnsU8(temp, Dest, Height, Stride, n, lines, g, v);

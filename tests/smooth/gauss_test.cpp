@@ -141,8 +141,10 @@ std::vector<qvt::Shape> GaussShapes() {
         out.push_back({w, h, c, 0});
         if (w > 3) out.push_back({w, h, c, (w + h) % 3 + 1});
       }
+    // Heights around the row groupings: 16 gray rows or 4 colour rows at
+    // once, then a group of 8 (or 2, or 1), then the scalar rows.
     for (int w : {63, 64, 65, 255, 333})
-      for (int h : {5, 16, 19}) out.push_back({w, h, c, w % 3});
+      for (int h : {5, 16, 19, 24, 30, 41}) out.push_back({w, h, c, w % 3});
   }
   return out;
 }
