@@ -515,8 +515,9 @@ int FilterHorizontal(const unsigned char* Src, unsigned char* Dest, int Width, i
 // choice of speed: both paths give the same bytes.
 constexpr int kFusedRadius = 10;
 
-// Output rows per step: as many as leave a core of rows shared by all, up to 4.
-constexpr int FusedGroup(int R) { return R == 1 ? 2 : 4; }
+// Output rows per step: as many as leave a core of rows shared by all, up to
+// 8, which keeps the partial results in registers.
+constexpr int FusedGroup(int R) { return 2 * R + 1 < 8 ? 2 * R + 1 : 8; }
 
 // Bytes S .. S + 15 of the run V[0], V[1], ...
 template <int S>
