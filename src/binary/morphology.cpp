@@ -508,12 +508,17 @@ int FilterHorizontal(const unsigned char* Src, unsigned char* Dest, int Width, i
 // Each of the G results goes into a row buffer padded by Radius copies of its
 // edge pixels, and the row extremum is taken from it by doubling spans (max of
 // 1, 2, 4 ... pixels, then of two overlapping spans), log2(2 * Radius + 1)
-// operations a vector, streaming into Dest. In place, every row is copied into
-// a ring of Radius + G slots before it is written, and rows up to the step's
-// last are read from there.
-// Above it the block passes, whose cost is flat, are the faster ones. Only a
+// operations a vector, streaming into Dest. Both run by column strips, the
+// column pass a little ahead, so that the row buffers stay in the first-level
+// cache. In place, every row is copied into a ring of Radius + G slots before
+// it is written, and rows up to the step's last are read from there.
+//
+// Above kFusedRadius the block passes, whose cost is flat, take over. Only a
 // choice of speed: both paths give the same bytes.
 constexpr int kFusedRadius = 10;
+
+// Bytes of a column strip.
+constexpr int kFusedStrip = 1024;
 
 // Output rows per step: as many as leave a core of rows shared by all, up to
 // 8, which keeps the partial results in registers.
@@ -581,10 +586,11 @@ inline __m128i RowStreamStep(__m128i (&W)[RowSteps<C, R>::Count()][4], __m128i I
   }
 }
 
-// Out[x] for x < m: the extremum of V[x + i * C], i = 0 .. 2R. V is readable
-// (its values unused) for RowSteps::Ahead() + 1 vectors past the row.
+// Out[x] for X0 <= x < X1: the extremum of V[x + i * C], i = 0 .. 2R. X1 - X0
+// is a multiple of 16 or X1 is m, and V is readable (its values unused) for
+// RowSteps::Ahead() + 1 vectors past the row.
 template <class Op, int C, int R>
-inline void RowPass(const unsigned char* V, unsigned char* Out, int m) {
+inline void RowPass(const unsigned char* V, unsigned char* Out, int X0, int X1, int m) {
   using S = RowSteps<C, R>;
   if (m < 16) {
     for (int x = 0; x < m; ++x) {
@@ -597,13 +603,13 @@ inline void RowPass(const unsigned char* V, unsigned char* Out, int m) {
   __m128i W[S::Count()][4] = {};
   constexpr int ahead = S::Ahead();
   // The first vectors only fill the steps.
-  for (int j = 0; j < ahead; ++j) RowStreamStep<Op, C, R, 0>(W, LoadU(V + 16 * j));
-  int x = 0;
-  for (; x + 16 <= m; x += 16) {
+  for (int j = 0; j < ahead; ++j) RowStreamStep<Op, C, R, 0>(W, LoadU(V + X0 + 16 * j));
+  int x = X0;
+  for (; x + 16 <= X1; x += 16) {
     const __m128i v = RowStreamStep<Op, C, R, 0>(W, LoadU(V + x + 16 * ahead));
     _mm_storeu_si128(reinterpret_cast<__m128i*>(Out + x), v);
   }
-  if (x < m) StoreRowVector(Out, x, m, RowStreamStep<Op, C, R, 0>(W, LoadU(V + x + 16 * ahead)));
+  if (x < X1) StoreRowVector(Out, x, m, RowStreamStep<Op, C, R, 0>(W, LoadU(V + x + 16 * ahead)));
 }
 
 // Bytes a padded row buffer takes, with the stream's overrun.
@@ -612,11 +618,15 @@ constexpr size_t FusedLine(int m) {
   return (size_t(m) + 2 * R * C + 16 * (RowSteps<C, R>::Ahead() + 2) + 63) / 64 * 64;
 }
 
-// Radius copies of the first and last pixel around the m bytes at V + R * C.
+// Radius copies of the first and of the last pixel around the m bytes at
+// V + R * C.
 template <int C, int R>
-inline void FusedPad(unsigned char* V, int m) {
+inline void PadLeft(unsigned char* V) {
+  for (int i = 0; i < R * C; ++i) V[i] = V[R * C + i % C];
+}
+template <int C, int R>
+inline void PadRight(unsigned char* V, int m) {
   unsigned char* row = V + R * C;
-  for (int i = 0; i < R * C; ++i) V[i] = row[i % C];
   for (int j = 0; j < R * C; ++j) row[m + j] = row[m - C + j % C];
 }
 
@@ -663,24 +673,39 @@ void FusedRows(const unsigned char* Src, unsigned char* Dest, int Width, int n, 
       y = y < 0 ? 0 : (y >= n ? n - 1 : y);
       rows[i] = inplace && y < p + G ? slots + ptrdiff_t(y % (R + G)) * m : Src + ptrdiff_t(y) * Stride;
     }
-    if (m >= 16) {
-      // The last vector overlaps the one before when m is no multiple of 16.
-      for (int x = 0;;) {
-        ColumnGroup<Op, R, G>(rows, out, x);
-        if (x == m - 16) break;
-        x = x + 32 <= m ? x + 16 : m - 16;
-      }
-    } else {
+    if (m < 16) {
       for (int x = 0; x < m; ++x)
         for (int j = 0; j < G; ++j) {
           unsigned char v = rows[j][x];
           for (int i = 1; i <= 2 * R; ++i) v = Op::S(v, rows[j + i][x]);
           out[j][x] = v;
         }
+      for (int j = 0; j < count; ++j) {
+        PadLeft<C, R>(out[j] - R * C);
+        PadRight<C, R>(out[j] - R * C, m);
+        RowPass<Op, C, R>(out[j] - R * C, Dest + ptrdiff_t(p + j) * Stride, 0, m, m);
+      }
+      continue;
     }
-    for (int j = 0; j < count; ++j) {
-      FusedPad<C, R>(out[j] - R * C, m);
-      RowPass<Op, C, R>(out[j] - R * C, Dest + ptrdiff_t(p + j) * Stride, m);
+    // The row pass of a strip reads the lines a little past its end.
+    int done = 0;
+    bool right = false;
+    for (int x0 = 0; x0 < m; x0 += kFusedStrip) {
+      const int x1 = m - x0 > kFusedStrip ? x0 + kFusedStrip : m;
+      const int reach = x1 + R * C + 16 * (RowSteps<C, R>::Ahead() + 1);
+      const int need = reach < m ? reach : m;
+      // The last vector overlaps the one before when m is no multiple of 16.
+      while (done < need) {
+        const int x = done + 16 <= m ? done : m - 16;
+        ColumnGroup<Op, R, G>(rows, out, x);
+        done = x + 16;
+      }
+      for (int j = 0; j < count; ++j) {
+        if (x0 == 0) PadLeft<C, R>(out[j] - R * C);
+        if (done == m && !right) PadRight<C, R>(out[j] - R * C, m);
+        RowPass<Op, C, R>(out[j] - R * C, Dest + ptrdiff_t(p + j) * Stride, x0, x1, m);
+      }
+      right = done == m;
     }
   }
 }

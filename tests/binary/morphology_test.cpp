@@ -70,6 +70,18 @@ TEST(GrayMorphology, ExtremaMatchClippedWindowAroundRowGroupsAndVectors) {
         }
 }
 
+TEST(GrayMorphology, ExtremaMatchClippedWindowAcrossColumnStrips) {
+  // Rows of one to three strips of 1024 bytes, ending just before, on and
+  // just after a strip end, so that the column pass's lead crosses it.
+  for (int c : {1, 3, 4})
+    for (int bytes : {1008, 1024, 1040, 2047, 2048, 2049, 3000})
+      for (int r : {1, 2, 5, 8, 10}) {
+        const int w = bytes / c;
+        CheckShape(QV_MaxFilter, true, w, 5, c, 1, r);
+        CheckShape(QV_MinFilter, false, w, 9, c, 2, r);
+      }
+}
+
 TEST(GrayMorphology, ExtremaMatchClippedWindowOnLargerImages) {
   for (int c : {1, 3, 4})
     for (int w : {63, 64, 65, 97})
