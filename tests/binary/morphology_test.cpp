@@ -61,7 +61,7 @@ TEST(GrayMorphology, ExtremaMatchClippedWindowAroundRowGroupsAndVectors) {
   // The one-pass radii and the first above them: heights around the groups of
   // output rows, widths whose rows end on either side of a vector.
   for (int c : {1, 3, 4})
-    for (int r = 1; r <= 12; ++r)
+    for (int r = 1; r <= 17; ++r)
       for (int h : {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 15, 16, 17})
         for (int w : {1, 2, 5, 6, 11, 15, 16, 17, 22, 31, 32, 33, 48, 49}) {
           const int pad = w > 3 ? (w + h + r) % 3 : 0;
@@ -75,7 +75,7 @@ TEST(GrayMorphology, ExtremaMatchClippedWindowAcrossColumnStrips) {
   // just after a strip end, so that the column pass's lead crosses it.
   for (int c : {1, 3, 4})
     for (int bytes : {1008, 1024, 1040, 2047, 2048, 2049, 3000})
-      for (int r : {1, 2, 5, 8, 10}) {
+      for (int r : {1, 2, 5, 8, 12, 16}) {
         const int w = bytes / c;
         CheckShape(QV_MaxFilter, true, w, 5, c, 1, r);
         CheckShape(QV_MinFilter, false, w, 9, c, 2, r);
