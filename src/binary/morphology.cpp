@@ -518,8 +518,10 @@ int FilterHorizontal(const unsigned char* Src, unsigned char* Dest, int Width, i
 // ahead on gray). Only a choice of speed: both paths give the same bytes.
 constexpr int FusedRadiusLimit(int Channel) { return Channel == 1 ? 16 : 12; }
 
-// Bytes of a column strip.
-constexpr int kFusedStrip = 1024;
+// Bytes of a column strip. Radius 1 is bound by memory more than by the
+// operations and runs whole rows: on 3-channel rows of 1920 pixels that was
+// measured a sixth faster than strips, elsewhere level.
+constexpr int FusedStrip(int R) { return R == 1 ? 1 << 30 : 1024; }
 
 // Output rows per step: as many as leave a core of rows shared by all, up to
 // 8, which keeps the partial results in registers.
@@ -692,10 +694,10 @@ void FusedRows(const unsigned char* Src, unsigned char* Dest, int Width, int n, 
     // The row pass of a strip reads the lines a little past its end.
     int done = 0;
     bool right = false;
-    for (int x0 = 0; x0 < m; x0 += kFusedStrip) {
-      const int x1 = m - x0 > kFusedStrip ? x0 + kFusedStrip : m;
-      const int reach = x1 + R * C + 16 * (RowSteps<C, R>::Ahead() + 1);
-      const int need = reach < m ? reach : m;
+    constexpr int lead = R * C + 16 * (RowSteps<C, R>::Ahead() + 1);
+    for (int x0 = 0, x1; x0 < m; x0 = x1) {
+      x1 = m - x0 > FusedStrip(R) ? x0 + FusedStrip(R) : m;
+      const int need = m - x1 > lead ? x1 + lead : m;
       // The last vector overlaps the one before when m is no multiple of 16.
       while (done < need) {
         const int x = done + 16 <= m ? done : m - 16;
