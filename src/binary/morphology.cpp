@@ -524,8 +524,9 @@ constexpr int FusedRadiusLimit(int Channel) { return Channel == 1 ? 16 : 12; }
 constexpr int FusedStrip(int R) { return R == 1 ? 1 << 30 : 1024; }
 
 // Output rows per step: as many as leave a core of rows shared by all, up to
-// 8, which keeps the partial results in registers.
-constexpr int FusedGroup(int R) { return 2 * R + 1 < 8 ? 2 * R + 1 : 8; }
+// 8, which keeps the partial results in registers; at radius 1, 2 rows a step
+// measured faster on colour and 3 on gray.
+constexpr int FusedGroup(int C, int R) { return R == 1 ? (C == 1 ? 3 : 2) : (2 * R + 1 < 8 ? 2 * R + 1 : 8); }
 
 // Bytes S .. S + 15 of the run V[0], V[1], ...
 template <int S>
@@ -658,7 +659,7 @@ inline void ColumnGroup(const unsigned char* const* Rows, unsigned char* const* 
 
 template <class Op, int C, int R>
 void FusedRows(const unsigned char* Src, unsigned char* Dest, int Width, int n, int Stride, unsigned char* Buf) {
-  constexpr int G = FusedGroup(R);
+  constexpr int G = FusedGroup(C, R);
   const int m = C * Width;
   const size_t line = FusedLine<C, R>(m);
   unsigned char* slots = Buf + G * line;
@@ -717,7 +718,7 @@ void FusedRows(const unsigned char* Src, unsigned char* Dest, int Width, int n, 
 // The scratch of FusedRows: G padded rows, and the ring of row copies in place.
 template <int C, int R>
 size_t FusedBytes(int m, bool Inplace) {
-  constexpr int G = FusedGroup(R);
+  constexpr int G = FusedGroup(C, R);
   return G * FusedLine<C, R>(m) + (Inplace ? size_t(R + G) * m : 0);
 }
 
