@@ -1,4 +1,4 @@
-// Gray morphology at radius 1, 3, 6, 10 and 50 (the cost must stay flat) beside
+// Gray morphology at radius 1 to 6, 10 and 50 (the cost must stay flat) beside
 // OpenCV's erode and dilate with a square kernel, single-threaded.
 #include "bench_util.h"
 
@@ -42,8 +42,9 @@ void BM_MaxFilter_cv(benchmark::State& s) { ExtremumCv<false>(s); }
 
 void Sizes(benchmark::internal::Benchmark* b) {
   for (int c : {1, 3, 4})
-    for (int r : {1, 3, 6, 10, 50}) b->Args({1920, 1080, c, r});
-  b->Args({3840, 2160, 1, 10});
+    for (int r : {1, 2, 3, 4, 5, 6, 8, 10, 12, 16, 50}) b->Args({1920, 1080, c, r});
+  for (int c : {1, 3, 4})
+    for (int r : {1, 3, 4, 5, 6, 10}) b->Args({3840, 2160, c, r});
   b->ArgNames({"w", "h", "c", "r"});
 }
 
