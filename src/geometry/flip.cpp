@@ -29,12 +29,7 @@ extern "C" QV_API int QV_FlipLeftRight(const unsigned char* Src, unsigned char* 
       std::memcpy(copy, s, row);
       s = copy;
     }
-    if (Channel == 1)
-      qv::FlipRow<1>(s, d, Width);
-    else if (Channel == 3)
-      qv::FlipRow<3>(s, d, Width);
-    else
-      qv::FlipRow<4>(s, d, Width);
+    qv::FlipRowOf(s, d, Width, Channel);
   }
   qv::Free(copy);
   return STATUS_OK;

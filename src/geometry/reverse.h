@@ -113,4 +113,14 @@ inline void FlipRow<3>(const unsigned char* Src, unsigned char* Dest, int Width)
   }
 }
 
+// FlipRow for a Channel (1, 3 or 4) known only at run time.
+inline void FlipRowOf(const unsigned char* Src, unsigned char* Dest, int Width, int Channel) {
+  if (Channel == 1)
+    FlipRow<1>(Src, Dest, Width);
+  else if (Channel == 3)
+    FlipRow<3>(Src, Dest, Width);
+  else
+    FlipRow<4>(Src, Dest, Width);
+}
+
 }  // namespace qv

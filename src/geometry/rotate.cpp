@@ -144,13 +144,7 @@ extern "C" QV_API int QV_Rotate180(const unsigned char* Src, unsigned char* Dest
     // Row y is row H - 1 - y reversed: the left-right flip's row kernel.
     for (int y = 0; y < H; ++y) {
       const unsigned char* s = Src + ptrdiff_t(H - 1 - y) * SrcStride;
-      unsigned char* d = Dest + ptrdiff_t(y) * DestStride;
-      if (Channel == 1)
-        qv::FlipRow<1>(s, d, W);
-      else if (Channel == 3)
-        qv::FlipRow<3>(s, d, W);
-      else
-        qv::FlipRow<4>(s, d, W);
+      qv::FlipRowOf(s, Dest + ptrdiff_t(y) * DestStride, W, Channel);
     }
     return STATUS_OK;
   }
