@@ -578,8 +578,9 @@ inline void Push(__m128i* W, __m128i V) {
 // One output vector of the row stream: W[t] holds the inputs of step t, the
 // newest last; the new input vector enters W[0] and the result of the last
 // step comes out.
-template <class Op, int C, int R, int T>
-inline __m128i RowStreamStep(__m128i (&W)[RowSteps<C, R>::Count()][5], __m128i In) {
+template <class Op, int C, int R, int T, size_t K>
+inline __m128i RowStreamStep(__m128i (&W)[K][5], __m128i In) {
+  static_assert(K == RowSteps<C, R>::Count(), "one input window per step");
   using S = RowSteps<C, R>;
   if constexpr (T == 0) Push<S::Need(0)>(W[0], In);
   const __m128i v = Op::V(W[T][0], ShiftRun<S::Shift(T)>(W[T]));
