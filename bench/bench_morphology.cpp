@@ -44,7 +44,7 @@ void Sizes(benchmark::internal::Benchmark* b) {
   for (int c : {1, 3, 4})
     for (int r : {1, 2, 3, 4, 5, 6, 8, 10, 12, 16, 50}) b->Args({1920, 1080, c, r});
   for (int c : {1, 3, 4})
-    for (int r : {1, 3, 4, 5, 6, 10}) b->Args({3840, 2160, c, r});
+    for (int r : {1, 3, 4, 5, 6, 10, 50}) b->Args({3840, 2160, c, r});
   b->ArgNames({"w", "h", "c", "r"});
 }
 
