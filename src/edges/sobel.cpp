@@ -8,16 +8,9 @@
 
 #include "frame/frame.h"
 #include "frame/simd.h"
+#include "frame/stencil.h"
 
 namespace {
-
-// Row y of Src into a padded row: the first and last pixel repeated once.
-void LoadPaddedRow(const unsigned char* Row, unsigned char* Padded, int Width, int Channel) {
-  const int n = Width * Channel;
-  std::memcpy(Padded + Channel, Row, size_t(n));
-  std::memcpy(Padded, Row, size_t(Channel));
-  std::memcpy(Padded + Channel + n, Row + n - Channel, size_t(Channel));
-}
 
 // gx and gy of 8 samples from the padded rows (already offset to column 0).
 inline void Gradients8(const unsigned char* T, const unsigned char* C, const unsigned char* B, int i, int Ch, bool High,
@@ -70,30 +63,10 @@ extern "C" QV_API int QV_Sobel(const unsigned char* Src, unsigned char* Dest, in
   const int Channel = qv::DeriveChannel(Stride, Width);
   if (Src == nullptr || Dest == nullptr) return STATUS_NULL_REFERENCE;
   if (Width < 1 || Height < 1 || !qv::IsChannel134(Channel)) return STATUS_INVALID_PARAMETER;
-  const int padded = (Width + 2) * Channel;
-  unsigned char* rows = qv::MallocArray<unsigned char>(3 * size_t(padded));
-  if (rows == nullptr) return STATUS_OUT_OF_MEMORY;
-  unsigned char* T = rows;
-  unsigned char* C = rows + padded;
-  unsigned char* B = rows + 2 * padded;
   const int n = Width * Channel;
-  // Row 0 is its own upper row. With one row there is no row 1 to read: the
-  // lower row is row 0 too, and nothing past the buffer is touched.
-  LoadPaddedRow(Src, C, Width, Channel);
-  std::memcpy(T, C, size_t(padded));
-  LoadPaddedRow(Src + (Height > 1 ? size_t(Stride) : 0), B, Width, Channel);
-  for (int y = 0; y < Height; ++y) {
-    SobelRow(T + Channel, C + Channel, B + Channel, Dest + size_t(y) * Stride, n, Channel);
-    if (y + 1 == Height) break;
-    // The row below the next one is read before the next row is written, so
-    // Src may be Dest.
-    unsigned char* t = T;
-    T = C, C = B, B = t;
-    if (y + 2 < Height)
-      LoadPaddedRow(Src + size_t(y + 2) * Stride, B, Width, Channel);
-    else
-      std::memcpy(B, C, size_t(padded));
-  }
-  qv::Free(rows);
-  return STATUS_OK;
+  return qv::RunStencil3x3(
+      Src, Dest, Width, Height, Stride, Channel,
+      [&](const unsigned char* up, const unsigned char* mid, const unsigned char* down, unsigned char* out) {
+        SobelRow(up + Channel, mid + Channel, down + Channel, out, n, Channel);
+      });
 }

@@ -88,23 +88,13 @@ extern "C" QV_API int QV_RadiusSharpen3X3(const unsigned char* Src, unsigned cha
   if (Amount > 100) Amount = 100;
   const int k = static_cast<int>(Amount * 0.01 * 32768);  // in double: 0..32768
 
-  const size_t pitch = (size_t(Width) + 2) * Channel;
-  unsigned char* block = qv::MallocArray<unsigned char>(3 * pitch);
-  if (block == nullptr) return STATUS_OUT_OF_MEMORY;
-  const qv::RollingRows rows{block, pitch, Channel};
-
   const int n = Width * Channel;
-  qv::LoadPaddedRow(rows, Src, Width, 0);
-  for (int y = 0; y < Height; ++y) {
-    if (y + 1 < Height) qv::LoadPaddedRow(rows, Src + size_t(y + 1) * Stride, Width, y + 1);
-    const unsigned char* up = rows.Slot(y > 0 ? y - 1 : 0);
-    const unsigned char* down = rows.Slot(y + 1 < Height ? y + 1 : y);
-    unsigned char* out = Dest + size_t(y) * Stride;
-    if (k == 32768)
-      RadiusRow<true>(up, rows.Slot(y), down, out, n, Channel, k);
-    else
-      RadiusRow<false>(up, rows.Slot(y), down, out, n, Channel, k);
-  }
-  qv::Free(block);
-  return STATUS_OK;
+  return qv::RunStencil3x3(
+      Src, Dest, Width, Height, Stride, Channel,
+      [&](const unsigned char* up, const unsigned char* mid, const unsigned char* down, unsigned char* out) {
+        if (k == 32768)
+          RadiusRow<true>(up, mid, down, out, n, Channel, k);
+        else
+          RadiusRow<false>(up, mid, down, out, n, Channel, k);
+      });
 }

@@ -45,21 +45,8 @@ extern "C" QV_API int QV_Sharpen(const unsigned char* Src, unsigned char* Dest, 
   if (Width < 1 || Height < 1) return STATUS_INVALID_PARAMETER;
   if (!qv::IsChannel134(Channel)) return STATUS_INVALID_PARAMETER;
 
-  const size_t pitch = (size_t(Width) + 2) * Channel;
-  unsigned char* block = qv::MallocArray<unsigned char>(3 * pitch);
-  if (block == nullptr) return STATUS_OUT_OF_MEMORY;
-  const qv::RollingRows rows{block, pitch, Channel};
-
-  // Each source row is taken before the output row above it is written, so
-  // Src may be Dest.
   const int n = Width * Channel;
-  qv::LoadPaddedRow(rows, Src, Width, 0);
-  for (int y = 0; y < Height; ++y) {
-    if (y + 1 < Height) qv::LoadPaddedRow(rows, Src + size_t(y + 1) * Stride, Width, y + 1);
-    const unsigned char* up = rows.Slot(y > 0 ? y - 1 : 0);
-    const unsigned char* down = rows.Slot(y + 1 < Height ? y + 1 : y);
-    SharpenRow(up, rows.Slot(y), down, Dest + size_t(y) * Stride, n, Channel);
-  }
-  qv::Free(block);
-  return STATUS_OK;
+  return qv::RunStencil3x3(Src, Dest, Width, Height, Stride, Channel,
+                           [&](const unsigned char* up, const unsigned char* mid, const unsigned char* down,
+                               unsigned char* out) { SharpenRow(up, mid, down, out, n, Channel); });
 }
