@@ -283,23 +283,15 @@ TEST(AverageBlur, PaddingRules) {
 
 TEST(AverageBlur, FrameOrder) {
   unsigned char src[64] = {}, dst[64];
-  struct Case {
-    const char* what;
-    const unsigned char* s;
-    unsigned char* d;
-    int w, h, stride, expect;
-  } cases[] = {
+  const qvt::FrameCase cases[] = {
       {"null src before sizes", nullptr, dst, 4, 0, 8, STATUS_NULL_REFERENCE},
       {"null dest before sizes", src, nullptr, 4, 0, 8, STATUS_NULL_REFERENCE},
       {"height 0 before channel", src, dst, 4, 0, 8, STATUS_INVALID_PARAMETER},
       {"channel 2", src, dst, 4, 2, 8, STATUS_NOT_SUPPORTED},
       {"channel 5", src, dst, 2, 2, 10, STATUS_NOT_SUPPORTED},
   };
-  for (auto& c : cases) {
-    std::memset(dst, 0xA5, sizeof dst);
-    EXPECT_EQ(QV_AverageBlur(c.s, c.d, c.w, c.h, c.stride), c.expect) << c.what;
-    for (unsigned char v : dst) ASSERT_EQ(v, 0xA5) << c.what << ": Dest touched";
-  }
+  qvt::CheckStatusTable(cases, dst, sizeof dst,
+                        [](const qvt::FrameCase& c) { return QV_AverageBlur(c.src, c.dst, c.w, c.h, c.stride); });
 }
 
 TEST(AverageBlurDeathTest, ZeroWidthFaults) {
